@@ -1,0 +1,19 @@
+#include "bounded.h"
+
+#include <cstring>
+
+void str_copy(char* dst, const char* src, std::size_t size)
+{
+    if (!dst || size == 0) return;
+    if (!src) src = "";
+    std::size_t n = strnlen(src, size - 1);
+    memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+void str_cat(char* dst, const char* src, std::size_t size)
+{
+    if (!dst || size == 0) return;
+    std::size_t used = strnlen(dst, size - 1);
+    str_copy(dst + used, src, size - used);
+}

@@ -1,0 +1,12 @@
+#pragma once
+// The supervision thread and the per-launch forker threads.
+struct instance;
+struct app;
+
+int watchdog_respawner_start(instance* inst);
+int watchdog_respawner_join(instance* inst);
+// For an app whose pid is 0: joins its last forker thread, if any.
+int watchdog_respawner_app_join(app* record);
+
+void* watchdog_respawner_proc(void* inst);       // supervision thread body
+void* watchdog_respawner_run_proc(void* record); // forker thread body
