@@ -1,0 +1,83 @@
+#pragma once
+// Small owners for the xmlrpc-c C API, so no path frees by hand.
+#include <cstdlib>
+
+#include <xmlrpc-c/base.h>
+
+class xmlrpc_env_guard {
+public:
+    xmlrpc_env_guard() { xmlrpc_env_init(&env_); }
+    ~xmlrpc_env_guard() { xmlrpc_env_clean(&env_); }
+    xmlrpc_env_guard(const xmlrpc_env_guard&) = delete;
+    xmlrpc_env_guard& operator=(const xmlrpc_env_guard&) = delete;
+
+    xmlrpc_env* get() { return &env_; }
+    bool failed() const { return env_.fault_occurred; }
+    int fault_code() const { return env_.fault_code; }
+    const char* fault_string() const { return env_.fault_string ? env_.fault_string : ""; }
+    // Forget a fault so the environment can be used again.
+    void reset()
+    {
+        xmlrpc_env_clean(&env_);
+        xmlrpc_env_init(&env_);
+    }
+
+private:
+    xmlrpc_env env_;
+};
+
+// Owns one reference to an xmlrpc_value.
+class xmlrpc_value_ref {
+public:
+    xmlrpc_value_ref() = default;
+    explicit xmlrpc_value_ref(xmlrpc_value* value) : value_(value) {}
+    ~xmlrpc_value_ref() { reset(); }
+    xmlrpc_value_ref(xmlrpc_value_ref&& other) noexcept : value_(other.release()) {}
+    xmlrpc_value_ref& operator=(xmlrpc_value_ref&& other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            value_ = other.release();
+        }
+        return *this;
+    }
+    xmlrpc_value_ref(const xmlrpc_value_ref&) = delete;
+    xmlrpc_value_ref& operator=(const xmlrpc_value_ref&) = delete;
+
+    xmlrpc_value* get() const { return value_; }
+    // For out-parameters of the C API: drops the old value first.
+    xmlrpc_value** out()
+    {
+        reset();
+        return &value_;
+    }
+    xmlrpc_value* release()
+    {
+        xmlrpc_value* value = value_;
+        value_ = nullptr;
+        return value;
+    }
+    void reset(xmlrpc_value* value = nullptr)
+    {
+        if (value_) xmlrpc_DECREF(value_);
+        value_ = value;
+    }
+    explicit operator bool() const { return value_ != nullptr; }
+
+private:
+    xmlrpc_value* value_ = nullptr;
+};
+
+// Owns a string handed out by xmlrpc_decompose_value and friends.
+class xmlrpc_cstr {
+public:
+    xmlrpc_cstr() = default;
+    ~xmlrpc_cstr() { free(const_cast<char*>(text_)); }
+    xmlrpc_cstr(const xmlrpc_cstr&) = delete;
+    xmlrpc_cstr& operator=(const xmlrpc_cstr&) = delete;
+    const char** out() { free(const_cast<char*>(text_)); text_ = nullptr; return &text_; }
+    const char* get() const { return text_ ? text_ : ""; }
+
+private:
+    const char* text_ = nullptr;
+};
