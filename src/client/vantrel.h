@@ -1,12 +1,4 @@
 #pragma once
-/* The suite client library: one plain function per remote method. */
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-int vantrel_init(void);
-void vantrel_cleanup(void);
-
-#ifdef __cplusplus
-}
-#endif
+/* The suite client library: one plain function per remote method of the
+ * suite's services. Include this header for the whole interface. */
+#include "vantrel_call.h"
