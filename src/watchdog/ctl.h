@@ -1,5 +1,7 @@
 #pragma once
 // The XML-RPC control server.
+#include <cstdint>
+
 struct instance;
 
 int ctl_init(instance* inst);
@@ -9,3 +11,6 @@ int ctl_destroy(instance* inst);
 
 // Slot addressed by (idx, ptr), or -1 after logging why. Caller holds the lock.
 int ctl_app_resolve(instance* inst, const char* method, int idx, const char* ptr);
+// A handle as clients send it back ("%lx", with or without "0x"); 0 for text
+// without hexadecimal digits, which no record has.
+uint64_t ctl_handle_parse(const char* ptr);
