@@ -1,0 +1,371 @@
+// One launch of an application: the forker thread prepares everything, forks,
+// waits for its child and cleans up after it.
+#include "launcher.h"
+
+#include <fcntl.h>
+#include <numa.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "app_types.h"
+#include "child_registry.h"
+#include "instance.h"
+#include "log/log.h"
+#include "os_ops.h"
+#include "respawner.h"
+#include "std_capture.h"
+
+namespace {
+
+// Every line of a launch carries the forker's name, helpers included.
+constexpr const char* PROC = "watchdog_respawner_run_proc";
+constexpr int WAIT_EINTR_RETRIES = 1000;
+
+// Launches are serialized by the barrier handshake under the instance lock,
+// so the sequence needs no lock of its own.
+unsigned conf_seq = 0;
+
+const char* type_name(int type)
+{
+    return type >= 0 && type < APP_TYPES_CNT ? app_types[type].name : "?";
+}
+
+bool starts_with(const std::string& text, const char* prefix)
+{
+    return text.compare(0, strlen(prefix), prefix) == 0;
+}
+
+struct numa_mask_deleter {
+    void operator()(bitmask* mask) const { numa_bitmask_free(mask); }
+};
+using numa_mask_ptr = std::unique_ptr<bitmask, numa_mask_deleter>;
+
+// Parsed in the parent so the child does not have to allocate for it. Pieces are
+// decimal node numbers; an empty or non-numeric piece means node 0.
+numa_mask_ptr numa_mask_prepare(const std::string& nodes_text)
+{
+    if (nodes_text.empty()) return nullptr;
+    int nodes = numa_num_possible_nodes();
+    numa_mask_ptr mask(numa_bitmask_alloc(static_cast<unsigned>(std::max(nodes, 1))));
+    if (!mask) return nullptr;
+    std::string copy = nodes_text;
+    std::size_t start = 0;
+    for (;;) {
+        std::size_t comma = copy.find(',', start);
+        std::string piece = copy.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        long node = strtol(piece.c_str(), nullptr, 10);
+        if (node >= 0 && node < nodes) numa_bitmask_setbit(mask.get(), static_cast<unsigned>(node));
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return mask;
+}
+
+void fd_close(int& fd)
+{
+    if (fd >= 0) close(fd);
+    fd = -1;
+}
+
+void pipes_create(std_pipe pipes[STD_STREAMS], int debug)
+{
+    for (int i = 0; i < STD_STREAMS; i++) {
+        int fds[2];
+        if (pipe(fds) == 0) {
+            pipes[i].rd = fds[0];
+            pipes[i].wr = fds[1];
+        } else {
+            pipes[i].rd = pipes[i].wr = -1;
+        }
+    }
+    // Our ends never block a pass; the child's ends stay blocking.
+    fcntl(pipes[0].wr, F_SETFL, O_NONBLOCK);
+    fcntl(pipes[1].rd, F_SETFL, O_NONBLOCK);
+    fcntl(pipes[2].rd, F_SETFL, O_NONBLOCK);
+    if (debug) fcntl(pipes[2].rd, F_SETPIPE_SZ, static_cast<int>(STD_PIPE_DEBUG_SIZE));
+}
+
+// Child side: async-signal-safe calls only (numa_bind is the exception the
+// binding needs). The run phase blocks the termination signals in every thread,
+// and the parent's handlers must never run here, hence the reset.
+void child_redirect(int unused_end, int used_end, int target)
+{
+    if (unused_end >= 0 && unused_end != target) close(unused_end);
+    if (used_end >= 0 && used_end != target) {
+        dup2(used_end, target);
+        close(used_end);
+    }
+}
+
+[[noreturn]] void child_exec(const char* path, const char* const argv[], const char* const envp[],
+                             const std_pipe pipes[STD_STREAMS], bitmask* numa_mask)
+{
+    if (numa_mask) numa_bind(numa_mask);
+
+    struct sigaction action {};
+    sigemptyset(&action.sa_mask);
+    action.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; sig++) sigaction(sig, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+
+    umask(0);
+    setsid();
+    if (chdir("/") != 0) {
+        // Not fatal: the application runs in the inherited directory.
+    }
+    child_redirect(pipes[0].wr, pipes[0].rd, 0);
+    child_redirect(pipes[1].rd, pipes[1].wr, 1);
+    child_redirect(pipes[2].rd, pipes[2].wr, 2);
+
+    execve(path, const_cast<char* const*>(argv), const_cast<char* const*>(envp));
+    _exit(EXIT_EXEC_FAILED);
+}
+
+// Types with nothing to execute end here instead of failing in the child.
+void launch_refuse(app* record)
+{
+    log_printf(LOG_ERROR, "%s: nothing to execute for type={%s}, not started, f_respawn=0", PROC,
+               type_name(record->type));
+    record->f_respawn = 0;
+    str_copy(record->err, "Start error");
+}
+
+pid_t wait_child(pid_t pid, int* status)
+{
+    pid_t result = -1;
+    for (int attempt = 0; attempt < WAIT_EINTR_RETRIES; attempt++) {
+        result = waitpid(pid, status, 0);
+        if (result >= 0 || errno != EINTR) break;
+    }
+    return result;
+}
+
+// After the child's end, with the lock held: last output, then back to idle.
+void launch_cleanup(instance* inst, app* record)
+{
+    auto scratch = std::make_unique<char[]>(STD_BUF_SIZE);
+    watchdog_std_drain(inst, record, scratch.get(), 1);
+    watchdog_std_drain(inst, record, scratch.get(), 2);
+    record->pid = 0;
+    record->started = 0;
+    record->t_term = 0;
+    fd_close(record->std_pipes[0].wr);
+    fd_close(record->std_pipes[1].rd);
+    fd_close(record->std_pipes[2].rd);
+    record->amend++;
+}
+
+}  // namespace
+
+unsigned launch_conf_seq() { return conf_seq; }
+
+bool launch_runnable(const app& record)
+{
+    if (record.type <= APP_TYPE_NONE || record.type >= APP_TYPES_CNT) return false;
+    if (record.type == APP_TYPE_SCRIPT) return !record.bin_path.empty();
+    const char* exe = app_types[record.type].exe;
+    return exe && *exe;
+}
+
+void launch_exec_path(const app& record, char* path, std::size_t size)
+{
+    if (size == 0) return;
+    path[0] = '\0';
+    if (!record.bin_path.empty()) {
+        str_copy(path, record.bin_path.c_str(), size);
+    } else {
+        ssize_t len = readlink("/proc/self/exe", path, size - 1);
+        path[len > 0 ? len : 0] = '\0';
+        if (char* slash = strrchr(path, '/')) *slash = '\0';
+    }
+    if (record.type == APP_TYPE_SCRIPT) return;
+    const char* exe = record.type > APP_TYPE_NONE && record.type < APP_TYPES_CNT ? app_types[record.type].exe : nullptr;
+    str_cat(path, "/", size);
+    str_cat(path, exe ? exe : "", size);
+}
+
+int launch_write_child_conf(app& record)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/tmp/watchdog-%d-%03u.conf", static_cast<int>(getpid()), conf_seq);
+    conf_seq++;
+    str_copy(record.child_conf_file, path);
+
+    FILE* file = fopen(path, "wte");
+    if (!file) {
+        int err = errno;
+        log_printf(LOG_ERROR, "%s: failed to open [%s]", PROC, path);
+        return -err;
+    }
+    bool given[APP_DEFAULT_OPTS_CNT] = {};
+    for (const bounded_str& raw : record.raws) {
+        fprintf(file, "%s\n", raw.c_str());
+        for (int bit = 0; bit < APP_DEFAULT_OPTS_CNT; bit++)
+            if (starts_with(raw.str(), app_default_opts[bit])) given[bit] = true;
+    }
+    if (!record.alias.empty()) {
+        uint64_t flags = app_types[record.type].flags;
+        for (int bit = 0; bit < APP_DEFAULT_OPTS_CNT; bit++) {
+            if (!(flags & (uint64_t{1} << bit)) || given[bit]) continue;
+            fprintf(file, "%s%s\n", app_default_opts[bit], app_default_opt_value(bit, record.alias.str()).c_str());
+        }
+    }
+    fclose(file);
+    return 0;
+}
+
+int launch_build_argv(app& record, const char* path, const char* argv[LAUNCH_VEC_SLOTS])
+{
+    std::fill(argv, argv + LAUNCH_VEC_SLOTS, nullptr);
+    int n = 0;
+    argv[n++] = record.alias.empty() ? path : record.alias.c_str();
+    if (record.type == APP_TYPE_SCRIPT) {
+        for (const bounded_str& raw : record.raws) {
+            if (raw.c_str()[0] == '#') continue;
+            if (n > SCRIPT_ARGS_MAX) break;
+            argv[n++] = raw.c_str();
+        }
+        return n;
+    }
+    argv[n++] = "--nodemonize";
+    if (!record.config.empty()) argv[n++] = record.config.c_str();
+    if (!record.raws.empty() && launch_write_child_conf(record) == 0) argv[n++] = record.child_conf_file.c_str();
+    return n;
+}
+
+int launch_build_envp(const app& record, const instance& inst, const char* envp[LAUNCH_VEC_SLOTS])
+{
+    std::fill(envp, envp + LAUNCH_VEC_SLOTS, nullptr);
+    constexpr int usable = LAUNCH_VEC_SLOTS - 1;
+    int inherited = std::min(static_cast<int>(inst.inherited_envs.size()), usable);
+    int app_room = usable - inherited;
+    int n = 0;
+    for (const bounded_str& env : record.envs) {
+        if (env.c_str()[0] == '#') continue;
+        if (n < app_room)
+            envp[n++] = env.c_str();
+        else
+            log_printf(LOG_ERROR, "%s: environment full, dropped env [%s]", PROC, env.c_str());
+    }
+    int i = 0;
+    for (const bounded_str& env : inst.inherited_envs) {
+        if (i++ < inherited)
+            envp[n++] = env.c_str();
+        else
+            log_printf(LOG_ERROR, "%s: environment full, dropped env [%s]", PROC, env.c_str());
+    }
+    return n;
+}
+
+void launch_classify_end(app& record, int64_t now, int status)
+{
+    if (now <= record.started + FAST_EXIT_SECONDS) {
+        // Not reset at the message: every further fast end repeats it at once.
+        if (++record.fast_respawn_cnt > FAST_EXITS_MAX) {
+            log_printf(LOG_ERROR, "%s: respawn too fast", PROC);
+            record.f_respawn = 0;
+            str_copy(record.err, "Respawn too fast");
+        }
+    } else {
+        record.fast_respawn_cnt = 0;
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_EXEC_FAILED) {
+        log_printf(LOG_ERROR, "%s: executable startup failed, check paths", PROC);
+        record.f_respawn = 0;
+        str_copy(record.err, "Start error");
+    }
+}
+
+void* watchdog_respawner_run_proc(void* arg)
+{
+    app* record = static_cast<app*>(arg);
+    instance* inst = record->instance;
+
+    // Until the barrier the supervision thread holds the lock on our behalf.
+    record->session_name.clear();
+    record->t_run = 0;
+    record->err.clear();
+    log_printf(LOG_INFO, "%s: starting: type={%s}, sys_id={%lx}", PROC, type_name(record->type),
+               static_cast<unsigned long>(record->handle));
+    if (!launch_runnable(*record)) {
+        launch_refuse(record);
+        pthread_barrier_wait(&record->forker_barrier);
+        return nullptr;
+    }
+
+    auto path = std::make_unique<char[]>(TEXT_FIELD_SIZE);
+    launch_exec_path(*record, path.get(), TEXT_FIELD_SIZE);
+    log_printf(LOG_INFO, "%s: executable=[%s]", PROC, path.get());
+    log_printf(LOG_INFO, "%s: config=[%s]", PROC, record->config.c_str());
+
+    const char* argv[LAUNCH_VEC_SLOTS];
+    const char* envp[LAUNCH_VEC_SLOTS];
+    int argc = launch_build_argv(*record, path.get(), argv);
+    int envc = launch_build_envp(*record, *inst, envp);
+    for (int i = 0; i < argc; i++) log_printf(LOG_INFO, "%s: argv[%d]=[%s]", PROC, i, argv[i]);
+    for (int i = 0; i < envc; i++) log_printf(LOG_INFO, "%s: envp[%d]=[%s]", PROC, i, envp[i]);
+
+    std_pipe* pipes = record->std_pipes;
+    pipes_create(pipes, inst->debug);
+    numa_mask_ptr numa_mask = numa_mask_prepare(record->numa_bind.str());
+
+    pid_t pid = watchdog_os.fork();
+    if (pid == 0) child_exec(path.get(), argv, envp, pipes, numa_mask.get());
+    if (pid < 0) {
+        log_printf(LOG_ERROR, "%s: fork failed, errno=[%d]", PROC, errno);
+        for (int i = 0; i < STD_STREAMS; i++) {
+            fd_close(pipes[i].rd);
+            fd_close(pipes[i].wr);
+        }
+        path.reset();
+        pthread_barrier_wait(&record->forker_barrier);
+        return nullptr;
+    }
+
+    log_printf(LOG_INFO, "%s: fork done, pid=[%d]", PROC, static_cast<int>(pid));
+    record->pid = pid;
+    record->started = time(nullptr);
+    path.reset();
+    numa_mask.reset();
+    fd_close(pipes[0].rd);
+    fd_close(pipes[1].wr);
+    fd_close(pipes[2].wr);
+    pthread_barrier_wait(&record->forker_barrier);
+
+    // From here on the record is shared again: touch it only under the lock.
+    log_printf(LOG_INFO, "%s: waitpid(%ld)", PROC, static_cast<long>(pid));
+    int status = 0;
+    pid_t result = wait_child(pid, &status);
+    int wait_errno = errno;
+    log_printf(LOG_ERROR, "%s: waitpid(%ld)=%d", PROC, static_cast<long>(pid), static_cast<int>(result));
+    child_registry_release(pid);
+
+    instance_lock_guard guard(inst);
+    if (result < 0) {
+        log_printf(LOG_ERROR, "%s: waitpid failed with %d (%s)", PROC, wait_errno, strerror(wait_errno));
+    } else {
+        log_printf(LOG_INFO, "%s: pid=%ld, type={%s}, sys_id={%lx}", PROC, static_cast<long>(pid),
+                   type_name(record->type), static_cast<unsigned long>(record->handle));
+        log_printf(LOG_INFO, "%s: pid=%ld, WIFEXITED=[%d], WEXITSTATUS=[%d], WIFSIGNALED=[%d], WIFSTOPPED=[%d]",
+                   PROC, static_cast<long>(pid), WIFEXITED(status) ? 1 : 0, WEXITSTATUS(status),
+                   WIFSIGNALED(status) ? 1 : 0, WIFSTOPPED(status) ? 1 : 0);
+        launch_classify_end(*record, time(nullptr), status);
+    }
+    launch_cleanup(inst, record);
+    return nullptr;
+}

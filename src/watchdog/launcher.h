@@ -1,0 +1,47 @@
+#pragma once
+// Building one launch of an application: executable path, argument and
+// environment vectors and the per-child option file. Everything the child
+// needs is prepared here, before the fork, so the child only execs.
+#include <cstddef>
+#include <cstdint>
+
+struct instance;
+struct app;
+
+constexpr int LAUNCH_VEC_SLOTS = 64;      // argv and envp, terminating null included
+constexpr int SCRIPT_ARGS_MAX = LAUNCH_VEC_SLOTS - 2;
+constexpr int EXIT_EXEC_FAILED = 128;     // the child's status when execve fails
+constexpr int FAST_EXIT_SECONDS = 4;      // an end this soon after the start counts as fast
+constexpr int FAST_EXITS_MAX = 5;         // one more fast end in a row stops respawning
+
+// Whether the type names something to execute ("gpi" and "none" do not, nor
+// a script without a program file). Never launching those keeps us from
+// exec'ing a directory.
+bool launch_runnable(const app& record);
+
+// bin_path, or the supervisor's own directory, plus "/" and the type's executable
+// (a script's bin_path is the program itself). `path` holds `size` bytes.
+void launch_exec_path(const app& record, char* path, std::size_t size);
+
+// Writes the per-child option file named by the next sequence number into
+// child_conf_file. 0, or -errno when it cannot be created (child_conf_file is
+// set either way).
+int launch_write_child_conf(app& record);
+
+// Fills argv (LAUNCH_VEC_SLOTS slots, null-terminated); writes the per-child option
+// file when the type takes one. Entries point into `record` or at `path`.
+// Returns the number of arguments.
+int launch_build_argv(app& record, const char* path, const char* argv[LAUNCH_VEC_SLOTS]);
+
+// Fills envp (LAUNCH_VEC_SLOTS slots, null-terminated) from the app's envs and the
+// instance's inherited_envs, leaving out "#" entries. When both do not fit, app
+// entries are dropped (and logged) so the supervisor-wide ones always reach the
+// child. Returns the number of entries.
+int launch_build_envp(const app& record, const instance& inst, const char* envp[LAUNCH_VEC_SLOTS]);
+
+// Applies the end of a child to the record: the fast-exit guard and the
+// start-error check. `now` and `started` are seconds; `status` is waitpid's.
+void launch_classify_end(app& record, int64_t now, int status);
+
+// The next per-child option file's sequence number (process-wide, never reset).
+unsigned launch_conf_seq();
