@@ -42,8 +42,10 @@ void clear_fault(xmlrpc_env* env)
     xmlrpc_env_init(env);
 }
 
-xmlrpc_value* call_va(xmlrpc_env* env, const char* fn, const char* url, const char* method,
-                      const char* format, va_list args)
+namespace {
+
+xmlrpc_value* call_and_report(xmlrpc_env* env, const char* fn, const char* url,
+                              const char* method, const char* format, va_list args)
 {
     xmlrpc_value_ref params;
     if (!url || !method) {
@@ -58,11 +60,30 @@ xmlrpc_value* call_va(xmlrpc_env* env, const char* fn, const char* url, const ch
     xmlrpc_value_ref answer;
     if (!env->fault_occurred) answer.reset(xmlrpc_client_call_params(env, url, method, params.get()));
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_client_callX(%s, %s) failed: %s (%d)", fn, url ? url : "",
-                method ? method : "", fault_text(env), env->fault_code);
+        if (fn)
+            fprintf(stderr, "%s: xmlrpc_client_callX(%s, %s) failed: %s (%d)", fn,
+                    url ? url : "", method ? method : "", fault_text(env), env->fault_code);
         return nullptr;
     }
     return answer.release();
+}
+
+}  // namespace
+
+xmlrpc_value* call_va(xmlrpc_env* env, const char* fn, const char* url, const char* method,
+                      const char* format, va_list args)
+{
+    return call_and_report(env, fn ? fn : "", url, method, format, args);
+}
+
+xmlrpc_value* call_unreported(xmlrpc_env* env, const char* url, const char* method,
+                              const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    xmlrpc_value* answer = call_and_report(env, nullptr, url, method, format, args);
+    va_end(args);
+    return answer;
 }
 
 xmlrpc_value* call(xmlrpc_env* env, const char* fn, const char* url, const char* method,
