@@ -22,6 +22,23 @@ namespace {
 // Host part of a UDP destination: 135 characters and the terminator.
 constexpr std::size_t udp_host_size = 136;
 
+// The request form of a playlist item. The fields are copied bounded first:
+// a caller's record need not be terminated. (A trailing "*" in a build
+// format makes xmlrpc-c read one argument too many, so none is used.)
+xmlrpc_value* build_item(xmlrpc_env* env, const vantrel_playlist_item* item)
+{
+    char name[VANTREL_STR_SIZE], overlay_name[VANTREL_STR_SIZE], overlay_pos[VANTREL_STR_SIZE],
+        cookie[VANTREL_STR_SIZE], amap[VANTREL_STR_SIZE];
+    str_copy(name, item->name, sizeof name);
+    str_copy(overlay_name, item->overlay_name, sizeof overlay_name);
+    str_copy(overlay_pos, item->overlay_pos, sizeof overlay_pos);
+    str_copy(cookie, item->cookie, sizeof cookie);
+    str_copy(amap, item->amap, sizeof amap);
+    return xmlrpc_build_value(env, "{s:s,s:i,s:i,s:s,s:s,s:s,s:s}", "name", name, "in", item->in,
+                              "dur", item->dur, "overlay_name", overlay_name, "overlay_pos",
+                              overlay_pos, "cookie", cookie, "amap", amap);
+}
+
 }  // namespace
 
 int vantrel_result_decode(xmlrpc_env* env, const char* fn, const char* method,
@@ -119,10 +136,7 @@ int vantrel_playlist_insert2(const char* url, int at, const vantrel_playlist_ite
 {
     if (!item) return VANTREL_EINVAL;
     xmlrpc_env_guard env;
-    xmlrpc_value_ref record(xmlrpc_build_value(
-        env.get(), "{s:s,s:i,s:i,s:s,s:s,s:s,s:s,*}", "name", item->name, "in", item->in, "dur",
-        item->dur, "overlay_name", item->overlay_name, "overlay_pos", item->overlay_pos,
-        "cookie", item->cookie, "amap", item->amap));
+    xmlrpc_value_ref record(build_item(env.get(), item));
     if (env.failed()) return VANTREL_EFAULT;
     return std_call(__func__, url, "VantrelIO.PlaylistInsert2", "(iS)", at, record.get());
 }
@@ -131,10 +145,7 @@ int vantrel_playlist_append2(const char* url, const vantrel_playlist_item* item)
 {
     if (!item) return VANTREL_EINVAL;
     xmlrpc_env_guard env;
-    xmlrpc_value_ref record(xmlrpc_build_value(
-        env.get(), "{s:s,s:i,s:i,s:s,s:s,s:s,s:s}", "name", item->name, "in", item->in, "dur",
-        item->dur, "overlay_name", item->overlay_name, "overlay_pos", item->overlay_pos,
-        "cookie", item->cookie, "amap", item->amap));
+    xmlrpc_value_ref record(build_item(env.get(), item));
     if (env.failed()) return VANTREL_EFAULT;
     return std_call(__func__, url, "VantrelIO.PlaylistAppend2", "(S)", record.get());
 }
