@@ -241,5 +241,34 @@ class StartFailures(unittest.TestCase):
         self.assertEqual(self.wd.messages()[-1], "Bye!")
 
 
+
+class ExampleConfiguration(unittest.TestCase):
+    """The shipped example runs: its children start and the supervisor ends cleanly."""
+
+    def setUp(self):
+        self.assertTrue(BIN, "WATCHDOG_BIN is not set")
+        self.wd = Watchdog(self)
+
+    def test_example_configuration_runs(self):
+        examples = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
+        examples = os.path.normpath(examples)
+        with open(os.path.join(examples, "watchdog.conf.in")) as f:
+            text = f.read().replace("@BIN_DIR@", os.path.join(examples, "bin")).replace("@WORK_DIR@", self.wd.dir)
+        # The file's own pass would reset the port to its default of 9000.
+        with open(self.wd.conf_path, "w") as f:
+            f.write(text + "--port=%d\n" % self.wd.port)
+        self.wd.log_path = self.wd.path("log", "VantrelWatchdog.log")
+        self.wd.start()
+        self.wd.wait_port()
+        self.wd.wait_log(r"Will care about 3 apps")
+        self.wd.wait_log(r"forker's pid=[1-9]", count=2)
+        with self.wd.rpc() as proxy:
+            status = proxy.VantrelWatchdog.GetStatus()
+        self.assertEqual(status["instance_name"], "example")
+        self.assertEqual([e["alias"] for e in status["list"]], ["mixer1", "matrix1", "Studio clock"])
+        self.assertEqual(self.wd.stop(), 0)
+        self.assertEqual(self.wd.messages()[-1], "Bye!")
+
+
 if __name__ == "__main__":
     unittest.main()
