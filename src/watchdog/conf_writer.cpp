@@ -1,0 +1,88 @@
+#include "conf_writer.h"
+
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "app_types.h"
+#include "bounded.h"
+#include "instance.h"
+#include "log/log.h"
+
+namespace {
+
+// The reader takes a line in pieces of at most this many bytes, newline included.
+constexpr std::size_t LINE_MAX_BYTES = TEXT_FIELD_MAX;
+
+// One option line "<prefix><value>\n" that reads back as exactly one argument.
+// The format has no escape, so a newline inside a value (possible through the
+// control interface) becomes a blank: the file can never gain an option line the
+// operator did not configure. A value too long for one line is cut for the same
+// reason: its remainder would otherwise come back as an argument of its own.
+void put_line(FILE* f, const char* prefix, const std::string& value)
+{
+    std::string line(prefix);
+    line += value;
+    for (char& c : line)
+        if (c == '\n') c = ' ';
+    if (line.size() > LINE_MAX_BYTES - 1) line.resize(LINE_MAX_BYTES - 1);
+    line += '\n';
+    fputs(line.c_str(), f);
+}
+
+void put_app(FILE* f, const app& a)
+{
+    // A blank line before every block, for the reader's eye only.
+    std::string type_opt = std::string("--") + app_types[a.type].name + "=";
+    fputc('\n', f);
+    put_line(f, type_opt.c_str(), a.config.str());
+    if (!a.alias.empty()) put_line(f, "--alias=", a.alias.str());
+    if (!a.thumb.empty()) put_line(f, "--thumb=", a.thumb.str());
+    if (!a.bin_path.empty()) put_line(f, "--bin-path=", a.bin_path.str());
+    if (!a.numa_bind.empty()) put_line(f, "--numa-bind=", a.numa_bind.str());
+    if (a.f_respawn) fputs("--respawn=1\n", f);
+    if (a.f_autorun) fputs("--autorun=1\n", f);
+    for (const auto& env : a.envs) put_line(f, "--env=", env.str());
+    for (const auto& raw : a.raws) put_line(f, "--raw=", raw.str());
+}
+
+}   // namespace
+
+int watchdog_save_conf(instance* inst)
+{
+    const char* path = inst->conf_file.c_str();
+
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    char backup[TEXT_FIELD_SIZE];
+    snprintf(backup, sizeof backup, "%s-%ld.%ld", path, static_cast<long>(now.tv_sec),
+             static_cast<long>(now.tv_usec));
+    rename(path, backup);   // nothing to keep is no error
+
+    FILE* f = fopen(path, "w");
+    if (!f) {
+        int err = errno;
+        log_printf(LOG_ERROR, "%s: failed to open [%s], r=%d (%s)", "watchdog_save_conf", path, err,
+                   strerror(err));
+        return -err;
+    }
+    log_printf(LOG_INFO, "%s: updating config file [%s]", "watchdog_save_conf", path);
+
+    if (inst->demonize) fputs("--demonize\n", f);
+    if (inst->debug) fputs("--debug\n", f);
+    put_line(f, "--instance-name=", inst->instance_name.str());
+    fprintf(f, "--port=%d\n", inst->port);
+    put_line(f, "--log-file-name=", inst->log_file_name.str());
+    fprintf(f, "--log-rotate-interval=%d\n", inst->log_rotate_interval);
+
+    for (int i = 0; i < inst->cnt; i++) {
+        const app* a = inst->apps[i];
+        if (!a || a->type <= APP_TYPE_NONE || a->type >= APP_TYPES_CNT) continue;
+        put_app(f, *a);
+    }
+    fclose(f);
+    return 0;
+}
