@@ -38,7 +38,7 @@ struct signal_thread_state {
     pthread_t thread{};
     std::atomic<bool> running{false};
     std::atomic<bool> stop{false};
-    pid_t owner_pid = 0;
+    std::atomic<pid_t> owner_pid{0};   // read in signal context
 };
 
 signal_thread_state g_sig;
@@ -57,7 +57,8 @@ std::atomic<int>& counter_of(instance* inst) { return inst && inst->p_sig_cnt ? 
 // Signal context: async-signal-safe calls only.
 void forward_from_signal_context(int sig, bool terminating)
 {
-    if (getpid() != g_sig.owner_pid) {
+    pid_t owner = g_sig.owner_pid.load();
+    if (owner != 0 && getpid() != owner) {
         // A freshly forked child before exec: behave as the program it becomes.
         if (terminating) {
             struct sigaction dfl {};
@@ -136,7 +137,7 @@ void* signal_thread_proc(void*)
 void start_signal_thread(instance* inst)
 {
     g_sig.inst = inst;
-    g_sig.owner_pid = getpid();
+    g_sig.owner_pid.store(getpid());
     g_sig.stop.store(false);
     pthread_mutex_lock(&g_sig.guard);
     g_sig.ctl_ready = g_sig.serving_done = g_sig.terminate_wanted = false;
