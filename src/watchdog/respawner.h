@@ -7,6 +7,9 @@ int watchdog_respawner_start(instance* inst);
 int watchdog_respawner_join(instance* inst);
 // For an app whose pid is 0: joins its last forker thread, if any.
 int watchdog_respawner_app_join(app* record);
+// One launch from the supervision pass (lock held): 0 once the forker has forked
+// or given up, -errno when no forker thread could be started.
+int watchdog_respawner_run(instance* inst, app* record);
 
 void* watchdog_respawner_proc(void* inst);       // supervision thread body
 void* watchdog_respawner_run_proc(void* record); // forker thread body

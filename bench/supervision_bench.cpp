@@ -1,0 +1,166 @@
+// Measures the supervision thread in this process with real children:
+//  - restart latency: from a child's end (we SIGKILL it) to the fork of its
+//    replacement, median and p95 over RESTARTS restarts;
+//  - supervisor CPU time per second of wall time with QUIET_CHILDREN quiet
+//    children running (getrusage of this process over CPU_SECONDS).
+// Children are /bin/sleep under the "lib" executable name in a temporary
+// directory. Only pids this program started are signalled.
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "app_types.h"
+#include "instance.h"
+#include "respawner.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using steady = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int RESTARTS = 20;
+constexpr int QUIET_CHILDREN = 50;
+constexpr int CPU_SECONDS = 10;
+
+std::atomic<int> sig_cnt{0};
+
+double cpu_seconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto secs = [](const timeval& tv) { return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6; };
+    return secs(usage.ru_utime) + secs(usage.ru_stime);
+}
+
+app* add_app(instance* inst, const fs::path& bin)
+{
+    app* r = app_new();
+    r->type = instance_apps_lookup("lib");
+    r->bin_path.set(bin.string());
+    r->envs.append("PATH=/usr/bin:/bin");
+    r->f_respawn = 1;
+    instance_lock_guard guard(inst);
+    instance_slot_append(inst, r);
+    return r;
+}
+
+// Polls until `pred` holds (under the lock) or the limit passes; 1 ms steps.
+template <typename Pred>
+bool wait_until(instance* inst, std::chrono::milliseconds limit, Pred pred)
+{
+    auto deadline = steady::now() + limit;
+    for (int round = 0; round < 1000000 && steady::now() < deadline; round++) {
+        {
+            instance_lock_guard guard(inst);
+            if (pred()) return true;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
+double percentile(std::vector<double> values, double p)
+{
+    std::sort(values.begin(), values.end());
+    size_t idx = static_cast<size_t>(p * static_cast<double>(values.size() - 1) + 0.5);
+    return values[std::min(idx, values.size() - 1)];
+}
+
+void shutdown(instance* inst)
+{
+    {
+        instance_lock_guard guard(inst);
+        sig_cnt = 1;
+        for (int i = 0; i < inst->cnt; i++)
+            if (inst->apps[i]->pid) kill(inst->apps[i]->pid, SIGKILL);
+    }
+    watchdog_respawner_join(inst);
+}
+
+}  // namespace
+
+int main()
+{
+    char tmpl[] = "/tmp/supervision_bench-XXXXXX";
+    if (!mkdtemp(tmpl)) return 1;
+    fs::path dir = tmpl;
+    fs::create_directory(dir / "bin");
+    fs::create_directory(dir / "wd.log.sessions");
+    {
+        std::ofstream script(dir / "bin" / "VantrelLib");
+        script << "#!/bin/sh\nexec sleep 1000\n";
+    }
+    fs::permissions(dir / "bin" / "VantrelLib", fs::perms::owner_all);
+
+    instance* inst = nullptr;
+    instance_create(&inst);
+    inst->log_file_name.set((dir / "wd.log").string());
+    inst->p_sig_cnt = &sig_cnt;
+
+    // Restart latency.
+    app* one = add_app(inst, dir / "bin");
+    watchdog_respawner_start(inst);
+    std::vector<double> latencies_ms;
+    for (int i = 0; i < RESTARTS; i++) {
+        int old_pid = 0;
+        if (!wait_until(inst, 5000ms, [&] { return (old_pid = one->pid) != 0; })) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(37 * i % 100));   // spread over the pass phase
+        steady::time_point ended;
+        {
+            instance_lock_guard guard(inst);
+            one->fast_respawn_cnt = 0;   // a benchmark, not a crash loop
+            kill(old_pid, SIGKILL);
+            ended = steady::now();
+        }
+        if (!wait_until(inst, 5000ms, [&] { return one->pid != 0 && one->pid != old_pid; })) break;
+        latencies_ms.push_back(std::chrono::duration<double, std::milli>(steady::now() - ended).count());
+    }
+    shutdown(inst);
+
+    // CPU time with quiet children.
+    sig_cnt = 0;
+    {
+        instance_lock_guard guard(inst);
+        one->f_respawn = 0;
+    }
+    std::vector<app*> quiet;
+    for (int i = 0; i < QUIET_CHILDREN; i++) quiet.push_back(add_app(inst, dir / "bin"));
+    watchdog_respawner_start(inst);
+    bool all_up = wait_until(inst, 20000ms, [&] {
+        return std::all_of(quiet.begin(), quiet.end(), [](app* r) { return r->pid != 0; });
+    });
+    std::this_thread::sleep_for(500ms);
+    double cpu0 = cpu_seconds();
+    auto wall0 = steady::now();
+    std::this_thread::sleep_for(std::chrono::seconds(CPU_SECONDS));
+    double cpu = cpu_seconds() - cpu0;
+    double wall = std::chrono::duration<double>(steady::now() - wall0).count();
+    shutdown(inst);
+
+    if (latencies_ms.size() == RESTARTS) {
+        printf("restart latency over %d restarts: median %.1f ms, p95 %.1f ms, max %.1f ms\n", RESTARTS,
+               percentile(latencies_ms, 0.5), percentile(latencies_ms, 0.95),
+               *std::max_element(latencies_ms.begin(), latencies_ms.end()));
+    } else {
+        printf("restart latency: only %zu of %d restarts observed\n", latencies_ms.size(), RESTARTS);
+    }
+    printf("supervisor CPU with %d quiet children%s: %.2f ms per second (%.3f s over %.1f s)\n", QUIET_CHILDREN,
+           all_up ? "" : " (not all started)", 1000.0 * cpu / wall, cpu, wall);
+
+    for (int i = 0; i < inst->cnt; i++)
+        if (!inst->apps[i]->child_conf_file.empty()) unlink(inst->apps[i]->child_conf_file.c_str());
+    instance_destroy(&inst);
+    fs::remove_all(dir);
+    return latencies_ms.size() == RESTARTS && all_up ? 0 : 1;
+}

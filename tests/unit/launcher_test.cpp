@@ -1,0 +1,301 @@
+// Launch preparation without forking: executable path, argument and environment
+// vectors, the per-child option file and the classification of a child's end.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app_types.h"
+#include "instance.h"
+#include "launcher.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string file_text(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+std::vector<std::string> vec(const char* const v[LAUNCH_VEC_SLOTS])
+{
+    std::vector<std::string> out;
+    for (int i = 0; i < LAUNCH_VEC_SLOTS && v[i]; i++) out.emplace_back(v[i]);
+    return out;
+}
+
+int exit_status(int code) { return (code & 0xff) << 8; }
+
+// Owns an app and removes any option file a test made it write.
+class Launch : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(instance_create(&inst_), 0); }
+    void TearDown() override
+    {
+        for (const std::string& f : conf_files_) unlink(f.c_str());
+        for (app* r : apps_) app_free(r);
+        instance_destroy(&inst_);
+    }
+    app* make(const char* type_name, const char* alias = "", std::vector<std::string> raws = {})
+    {
+        app* r = app_new();
+        r->type = instance_apps_lookup(type_name);
+        r->alias.set(alias);
+        for (const std::string& raw : raws) r->raws.append(raw);
+        apps_.push_back(r);
+        return r;
+    }
+    std::vector<std::string> argv_of(app* r, const char* path = "/opt/x/Exe")
+    {
+        const char* argv[LAUNCH_VEC_SLOTS];
+        unsigned seq = launch_conf_seq();
+        int n = launch_build_argv(*r, path, argv);
+        if (launch_conf_seq() != seq) conf_files_.push_back(r->child_conf_file.str());
+        EXPECT_EQ(argv[n], nullptr);
+        EXPECT_EQ(argv[LAUNCH_VEC_SLOTS - 1], nullptr);
+        return vec(argv);
+    }
+    std::string child_conf(app* r)
+    {
+        EXPECT_EQ(launch_write_child_conf(*r), 0);
+        conf_files_.push_back(r->child_conf_file.str());
+        return file_text(r->child_conf_file.str());
+    }
+
+    instance* inst_ = nullptr;
+    std::vector<app*> apps_;
+    std::vector<std::string> conf_files_;
+};
+
+TEST_F(Launch, ExecutablePathFromBinPathOwnDirectoryOrScriptProgram)
+{
+    char path[TEXT_FIELD_SIZE];
+    app* io = make("io");
+    io->bin_path.set("/opt/vantrel/bin");
+    launch_exec_path(*io, path, sizeof(path));
+    EXPECT_STREQ(path, "/opt/vantrel/bin/VantrelIO");
+
+    io->bin_path.clear();
+    launch_exec_path(*io, path, sizeof(path));
+    fs::path self = fs::read_symlink("/proc/self/exe");
+    EXPECT_EQ(std::string(path), self.parent_path().string() + "/VantrelIO");
+
+    app* script = make("script");
+    script->bin_path.set("/opt/tools/run.sh");
+    launch_exec_path(*script, path, sizeof(path));
+    EXPECT_STREQ(path, "/opt/tools/run.sh");
+}
+
+TEST_F(Launch, OnlyTypesWithSomethingToExecuteAreRunnable)
+{
+    EXPECT_TRUE(launch_runnable(*make("io")));
+    EXPECT_FALSE(launch_runnable(*make("gpi")));
+    EXPECT_FALSE(launch_runnable(*make("none")));
+    app* script = make("script");
+    EXPECT_FALSE(launch_runnable(*script));   // would otherwise exec our own directory
+    script->bin_path.set("/opt/tools/run.sh");
+    EXPECT_TRUE(launch_runnable(*script));
+    app* bogus = make("io");
+    bogus->type = APP_TYPES_CNT;
+    EXPECT_FALSE(launch_runnable(*bogus));
+}
+
+TEST_F(Launch, ArgumentsWithoutRawsNeedNoOptionFile)
+{
+    app* r = make("elem_mixer", "mixer1");
+    r->config.set("/cfg/mixer.xml");
+    unsigned seq = launch_conf_seq();
+    EXPECT_EQ(argv_of(r), (std::vector<std::string>{"mixer1", "--nodemonize", "/cfg/mixer.xml"}));
+    EXPECT_EQ(launch_conf_seq(), seq);
+    EXPECT_TRUE(r->child_conf_file.empty());
+
+    app* bare = make("io");
+    EXPECT_EQ(argv_of(bare, "/opt/x/VantrelIO"), (std::vector<std::string>{"/opt/x/VantrelIO", "--nodemonize"}));
+}
+
+TEST_F(Launch, RawsAddTheOptionFileAsLastArgumentWithRisingSequence)
+{
+    app* r = make("io", "", {"--xmlrpc-port=9101"});
+    r->config.set("cfg.xml");
+    unsigned seq = launch_conf_seq();
+    std::vector<std::string> argv = argv_of(r, "/opt/x/VantrelIO");
+    char expect[64];
+    snprintf(expect, sizeof(expect), "/tmp/watchdog-%d-%03u.conf", static_cast<int>(getpid()), seq);
+    EXPECT_EQ(argv, (std::vector<std::string>{"/opt/x/VantrelIO", "--nodemonize", "cfg.xml", expect}));
+    EXPECT_EQ(r->child_conf_file.str(), expect);
+    EXPECT_EQ(launch_conf_seq(), seq + 1);
+    EXPECT_EQ(file_text(expect), "--xmlrpc-port=9101\n");
+
+    argv_of(r);
+    snprintf(expect, sizeof(expect), "/tmp/watchdog-%d-%03u.conf", static_cast<int>(getpid()), seq + 1);
+    EXPECT_EQ(r->child_conf_file.str(), expect);
+}
+
+TEST_F(Launch, OptionFileRawsFirstThenDefaultsNotGivenByARaw)
+{
+    app* mixer = make("elem_mixer", "mixer1", {"--matrix=/data/m1"});
+    EXPECT_EQ(child_conf(mixer),
+              "--matrix=/data/m1\n"
+              "--log-file-name=/Vantrel/logs/mixer1/log\n"
+              "--state-save=/Vantrel/runtime/mixer1\n");
+
+    app* ft = make("filetranscoder", "ft", {"--db=/data/my.db"});
+    EXPECT_EQ(child_conf(ft), "--db=/data/my.db\n--log-file-name=/Vantrel/logs/ft/log\n");
+
+    // A commented raw line is copied but suppresses nothing.
+    app* commented = make("filetranscoder", "ft", {"#--db=x"});
+    EXPECT_EQ(child_conf(commented),
+              "#--db=x\n--log-file-name=/Vantrel/logs/ft/log\n--db=/Vantrel/runtime/ft.db\n");
+
+    // A prefix counts only at the start of a raw line.
+    app* inner = make("io", "io1", {"-x --settings=/a"});
+    EXPECT_EQ(child_conf(inner),
+              "-x --settings=/a\n--log-file-name=/Vantrel/logs/io1/log\n--settings=/Vantrel/runtime/io1\n");
+}
+
+TEST_F(Launch, OptionFileWithoutAliasHoldsOnlyTheRaws)
+{
+    app* r = make("elem_flash", "", {"--a=1", "#b", "--matrix=/m"});
+    EXPECT_EQ(child_conf(r), "--a=1\n#b\n--matrix=/m\n");
+}
+
+TEST_F(Launch, FlashDefaultsInBitOrder)
+{
+    app* r = make("elem_flash", "fl", {"--x=1"});
+    EXPECT_EQ(child_conf(r),
+              "--x=1\n"
+              "--log-file-name=/Vantrel/logs/fl/log\n"
+              "--matrix=/Vantrel/runtime/matrix0\n"
+              "--Local=/Vantrel/runtime/fl\n"
+              "--Root=file:///Vantrel/flash\n"
+              "--crossdomain=http://127.0.0.1/crossdomain.xml\n");
+}
+
+TEST_F(Launch, ScriptRawsBecomeArgumentsWithoutCommentsAndAtMost62)
+{
+    app* s = make("script", "", {"-v", "#old", "input"});
+    s->config.set("ignored");
+    EXPECT_EQ(argv_of(s, "/opt/tools/run.sh"), (std::vector<std::string>{"/opt/tools/run.sh", "-v", "input"}));
+    EXPECT_TRUE(s->child_conf_file.empty());
+
+    std::vector<std::string> raws;
+    for (int i = 0; i < 70; i++) raws.push_back(i % 10 == 5 ? "#c" + std::to_string(i) : "a" + std::to_string(i));
+    app* many = make("script", "tool", raws);
+    std::vector<std::string> argv = argv_of(many);
+    ASSERT_EQ(argv.size(), 63u);
+    EXPECT_EQ(argv[0], "tool");
+    EXPECT_EQ(argv[1], "a0");
+    EXPECT_EQ(argv[62], "a68");   // 62 non-comment raws: a0..a68 less a5..a65 step 10
+}
+
+TEST_F(Launch, EnvironmentIsAppEntriesThenInheritedWithoutComments)
+{
+    app* r = make("io");
+    r->envs.append("PATH=/usr/bin:/bin");
+    r->envs.append("#OFF=1");
+    r->envs.append("MODE=2");
+    inst_->inherited_envs.append("CUDA_VISIBLE_DEVICES=0");
+    const char* envp[LAUNCH_VEC_SLOTS];
+    EXPECT_EQ(launch_build_envp(*r, *inst_, envp), 3);
+    EXPECT_EQ(vec(envp), (std::vector<std::string>{"PATH=/usr/bin:/bin", "MODE=2", "CUDA_VISIBLE_DEVICES=0"}));
+}
+
+TEST_F(Launch, EnvironmentOverflowDropsAppEntriesAndKeepsInherited)
+{
+    app* r = make("io");
+    for (int i = 0; i < 64; i++) r->envs.append("E" + std::to_string(i) + "=v");
+    inst_->inherited_envs.append("VANTREL_ELEMENTS_DEVICE=1");
+    inst_->inherited_envs.append("CUDA_MPS_LOG_DIRECTORY=/l");
+    inst_->inherited_envs.append("CUDA_VISIBLE_DEVICES=0");
+    const char* envp[LAUNCH_VEC_SLOTS];
+    EXPECT_EQ(launch_build_envp(*r, *inst_, envp), 63);
+    EXPECT_EQ(envp[63], nullptr);
+    std::vector<std::string> env = vec(envp);
+    EXPECT_EQ(env[59], "E59=v");
+    EXPECT_EQ(env[60], "VANTREL_ELEMENTS_DEVICE=1");
+    EXPECT_EQ(env[62], "CUDA_VISIBLE_DEVICES=0");
+
+    // Comment entries take no room, so 63 real ones all fit.
+    app* exact = make("io");
+    exact->envs.append("#x");
+    for (int i = 0; i < 63; i++) exact->envs.append("E" + std::to_string(i) + "=v");
+    instance* bare = nullptr;
+    ASSERT_EQ(instance_create(&bare), 0);
+    EXPECT_EQ(launch_build_envp(*exact, *bare, envp), 63);
+    EXPECT_EQ(envp[62], std::string("E62=v"));
+    instance_destroy(&bare);
+}
+
+TEST_F(Launch, SixthFastEndInARowStopsRespawning)
+{
+    app* r = make("io");
+    r->f_respawn = 1;
+    r->started = 1000;
+    for (int i = 1; i <= 5; i++) {
+        launch_classify_end(*r, 1004, exit_status(0));
+        EXPECT_EQ(r->fast_respawn_cnt, i);
+        EXPECT_EQ(r->f_respawn, 1);
+    }
+    launch_classify_end(*r, 1000, exit_status(1));
+    EXPECT_EQ(r->f_respawn, 0);
+    EXPECT_EQ(r->err.str(), "Respawn too fast");
+    // Not reset by the message: the next fast end repeats it at once.
+    r->f_respawn = 1;
+    r->err.clear();
+    launch_classify_end(*r, 1002, exit_status(0));
+    EXPECT_EQ(r->fast_respawn_cnt, 7);
+    EXPECT_EQ(r->f_respawn, 0);
+    EXPECT_EQ(r->err.str(), "Respawn too fast");
+}
+
+TEST_F(Launch, AnEndAfterMoreThanFourSecondsResetsTheCount)
+{
+    app* r = make("io");
+    r->f_respawn = 1;
+    r->started = 1000;
+    r->fast_respawn_cnt = 5;
+    launch_classify_end(*r, 1005, exit_status(0));
+    EXPECT_EQ(r->fast_respawn_cnt, 0);
+    EXPECT_EQ(r->f_respawn, 1);
+    EXPECT_TRUE(r->err.empty());
+}
+
+TEST_F(Launch, ExitStatus128IsAStartErrorAndWinsOverTooFast)
+{
+    app* slow = make("io");
+    slow->f_respawn = 1;
+    slow->started = 1000;
+    launch_classify_end(*slow, 1010, exit_status(128));
+    EXPECT_EQ(slow->err.str(), "Start error");
+    EXPECT_EQ(slow->f_respawn, 0);
+    EXPECT_EQ(slow->fast_respawn_cnt, 0);
+
+    app* both = make("io");
+    both->f_respawn = 1;
+    both->started = 1000;
+    both->fast_respawn_cnt = 5;
+    launch_classify_end(*both, 1001, exit_status(128));
+    EXPECT_EQ(both->fast_respawn_cnt, 6);
+    EXPECT_EQ(both->err.str(), "Start error");
+
+    // Killed by a signal or exiting otherwise is no start error.
+    app* killed = make("io");
+    killed->f_respawn = 1;
+    killed->started = 1000;
+    launch_classify_end(*killed, 1010, SIGKILL);
+    launch_classify_end(*killed, 1020, exit_status(127));
+    EXPECT_EQ(killed->f_respawn, 1);
+    EXPECT_TRUE(killed->err.empty());
+}
+
+}  // namespace
