@@ -1,4 +1,6 @@
 // The XML-RPC control server: registry, Abyss server, and its life cycle.
+#include <signal.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
@@ -112,11 +114,18 @@ int ctl_init(instance* inst)
         return ctl_init_failed("ctl_init: xmlrpc_server_abyss_create failed");
     }
 
+    // The library's SIGCHLD handler reaps every child of the process, which
+    // would steal the exit status each forker waits for. It is only needed
+    // for a forking server, not this threaded one, so the process's own
+    // reaper is put back; the library keeps its SIGPIPE setting.
+    struct sigaction own_sigchld {};
+    sigaction(SIGCHLD, nullptr, &own_sigchld);
     xmlrpc_server_abyss_setup_sig(env.get(), ctl->server, &ctl->saved_sig);
     if (env.failed()) {
         ctl->saved_sig = nullptr;
         return ctl_init_failed("ctl_init: xmlrpc_server_abyss_setup_sig failed");
     }
+    sigaction(SIGCHLD, &own_sigchld, nullptr);
 
     client_init_once(env.get());
     if (env.failed()) return ctl_init_failed("ctl_init: xmlrpc_client_init2 failed");

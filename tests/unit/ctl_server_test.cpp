@@ -4,7 +4,9 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -114,6 +116,23 @@ TEST(CtlLifecycle, PortInUseFailsAtServerCreationAndLeavesHalfBuiltStateForDestr
     // Nothing of the failed attempt blocks a later server in the same process.
     h.inst->port = free_port();
     EXPECT_EQ(ctl_init(h.inst), 0);
+}
+
+TEST(CtlLifecycle, ChildrenStayWithTheirOwnWaiterWhileTheServerExists)
+{
+    instance_holder h;
+    h.inst->port = free_port();
+    ASSERT_EQ(ctl_init(h.inst), 0);
+    pid_t child = fork();
+    if (child == 0) _exit(3);
+    ASSERT_GT(child, 0);
+    usleep(200 * 1000);   // SIGCHLD has been delivered by now
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+    struct sigaction pipe_action {};
+    sigaction(SIGPIPE, nullptr, &pipe_action);
+    EXPECT_EQ(pipe_action.sa_handler, SIG_IGN);   // broken clients must not kill us
 }
 
 // ---- Serving --------------------------------------------------------------------
