@@ -128,14 +128,6 @@ class SlotCommands(SetFieldCase):
         self.wd.wait_log(r"ctl_method_SetField: field=\[t_bogus\] not known")
         self.wd.wait_log(r"ctl_method_SetField: idx=99 out of apps range \(3\)")
 
-    def test_machine_command_for_an_application_is_unknown(self):
-        # Addressed by the handle of an application that is there: it is not a
-        # machine command then. The handle is checked first.
-        ptr = handles(self.rpc)[0]
-        self.assertEqual(self.rpc.VantrelWatchdog.GetItem(-1, ptr)["ret"], 0)
-        self.assertEqual(set_field(self.rpc, -1, ptr, "t_reboot"), ENOENT)
-        self.wd.wait_log(r"ctl_method_SetField: field=\[t_reboot\] not known")
-
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class RunAndTerminate(SetFieldCase):

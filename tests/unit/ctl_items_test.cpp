@@ -184,27 +184,6 @@ TEST_F(ItemsTest, AddingWithNegativeIdxAndEmptyPtrAppendsAndCountsTwice)
     EXPECT_EQ(got.envs, (strings{"MIXER_MODE=2", "A=1", "B=2"}));
 }
 
-TEST_F(ItemsTest, PtrsThatConvertToZeroAddAnApplication)
-{
-    for (const char* ptr : {"0", "0x0", "  -0", "xyz", "g12"}) {
-        item_request r;
-        r.ptr = ptr;
-        int before = inst->cnt;
-        EXPECT_EQ(set_item(r), 0) << ptr;
-        EXPECT_EQ(inst->cnt, before + 1) << ptr;
-    }
-}
-
-TEST_F(ItemsTest, NewApplicationIsNotStartedByAdding)
-{
-    add("one");
-    const app& record = *inst->apps[0];
-    EXPECT_EQ(record.f_respawn, 0);
-    EXPECT_EQ(record.f_autorun, 0);
-    EXPECT_EQ(record.t_run, 0);
-    EXPECT_NE(record.handle, 0u);
-}
-
 TEST_F(ItemsTest, FullTableRefusesOneMoreWithoutChange)
 {
     for (int i = 0; i < APPS_MAX; i++) ASSERT_EQ(set_item(item_request{}), 0) << i;

@@ -242,16 +242,6 @@ TEST_F(SetFieldTest, MovesSwapNeighboursAndHandlesFollow)
     EXPECT_EQ(inst->apps[2]->amend, 0u);
 }
 
-TEST_F(SetFieldTest, MovesAtTheEdgesMoveNothingButCount)
-{
-    add_apps(3);
-    uint32_t before = inst->amend;
-    EXPECT_EQ(set_field(0, "", "t_up"), 0);
-    EXPECT_EQ(set_field(2, "", "t_down"), 0);
-    EXPECT_EQ(aliases(), (std::vector<std::string>{"a0", "a1", "a2"}));
-    EXPECT_EQ(inst->amend, before + 2);
-}
-
 // --- deleting ---------------------------------------------------------------
 
 TEST_F(SetFieldTest, DeleteRemovesStoppedApplicationAndShiftsLaterSlots)
