@@ -97,6 +97,8 @@ int remove_app(instance* inst, int slot)
         return CTL_RET_OK;
     }
     watchdog_respawner_app_join(record);
+    // last_app must never point at a freed record.
+    if (inst->last_app == record) inst->last_app = nullptr;
     app_free(instance_slot_remove(inst, slot));   // raises amend
     return CTL_RET_OK;
 }

@@ -248,8 +248,10 @@ TEST_F(SetFieldTest, DeleteRemovesStoppedApplicationAndShiftsLaterSlots)
 {
     add_apps(3);
     uint64_t second = inst->apps[1]->handle;
+    inst->last_app = inst->apps[0];
     uint32_t before = inst->amend;
     EXPECT_EQ(set_field(0, "", "t_del"), 0);
+    EXPECT_EQ(inst->last_app, nullptr);
     ASSERT_EQ(inst->cnt, 2);
     EXPECT_EQ(aliases(), (std::vector<std::string>{"a1", "a2"}));
     EXPECT_EQ(inst->apps[0]->handle, second);
