@@ -76,15 +76,6 @@ protected:
 
 }  // namespace
 
-TEST(LogLineShape, MarksFollowTheLevel)
-{
-    EXPECT_EQ(log_mark(LOG_INFO), ' ');
-    EXPECT_EQ(log_mark(LOG_ERROR), '!');
-    EXPECT_EQ(log_mark(LOG_TRACE), '?');
-    EXPECT_EQ(log_mark(7), ' ');
-    EXPECT_EQ(log_mark(-1), ' ');
-}
-
 TEST(LogLineShape, PrefixHasLocalDateAndZeroPaddedMilliseconds)
 {
     setenv("TZ", "UTC", 1);
