@@ -11,7 +11,7 @@
 #include <memory>
 
 #include <xmlrpc-c/base.h>
-#include <xmlrpc-c/client_global.h>
+#include <xmlrpc-c/client.h>  // declares the global client inside its extern "C"
 
 namespace vantrel_records {
 

@@ -17,8 +17,9 @@ extern "C" {
 
 #define VANTREL_LIB_SHORT_TEXT_SIZE 32
 
-/* <sys/stat.h> turns st_atime and friends into macros; keep the field names
- * intact whatever the includer pulled in before. */
+/* <sys/stat.h> turns st_atime and friends into macros ("st_atim.tv_sec").
+ * The fields keep their names, and a same-storage alias answers to the macro
+ * form, so m->st_mtime reads the same field with or without that header. */
 #pragma push_macro("st_atime")
 #pragma push_macro("st_mtime")
 #pragma push_macro("st_ctime")
@@ -26,15 +27,28 @@ extern "C" {
 #undef st_mtime
 #undef st_ctime
 
+typedef struct vantrel_lib_seconds {
+    int64_t tv_sec;
+} vantrel_lib_seconds;
+
 /* Technical metadata of one media item; one heap block, freed with free(). */
 typedef struct vantrel_lib_meta {
     char name[VANTREL_STR_SIZE];
     char path[VANTREL_STR_SIZE]; /* directory of the request + name */
     int64_t st_ino;
     int64_t st_size;
-    int64_t st_mtime;
-    int64_t st_ctime;
-    int64_t st_atime;
+    union {
+        int64_t st_mtime;
+        vantrel_lib_seconds st_mtim;
+    };
+    union {
+        int64_t st_ctime;
+        vantrel_lib_seconds st_ctim;
+    };
+    union {
+        int64_t st_atime;
+        vantrel_lib_seconds st_atim;
+    };
     char format_name[VANTREL_STR_SIZE];
     double duration_eff; /* duration_v unless that is 0.0, else duration */
     double duration;
