@@ -105,6 +105,8 @@ app* instance_slot_remove(instance* inst, int idx)
 
 void instance_slot_swap(instance* inst, int a, int b)
 {
+    // Slots from cnt on are never read; a swap with one would lose a record.
+    if (a < 0 || b < 0 || a >= inst->cnt || b >= inst->cnt) return;
     app* tmp = inst->apps[a];
     inst->apps[a] = inst->apps[b];
     inst->apps[b] = tmp;
