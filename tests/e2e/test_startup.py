@@ -97,9 +97,10 @@ class ForegroundRun(unittest.TestCase):
         self.assertTrue(msgs[0].startswith("VantrelWatchdog "), msgs[0])
         self.assertEqual(lines[0][0], " ")
         self.assertEqual(msgs[-1], "Bye!")
-        caught = [m for m in msgs if "catched" in m]
-        self.assertEqual(caught, ["sighandler: [%d] catched 15" % self.wd.proc.pid])
-        self.assertTrue(lines[lines.index(next(l for l in lines if "catched" in l))].startswith("! "))
+        caught = [l for l in lines if "catched" in l]
+        self.assertEqual(len(caught), 1)
+        self.assertTrue(caught[0].startswith("! "), caught[0])
+        self.assertTrue(caught[0].endswith("] sighandler: [%d] catched 15" % self.wd.proc.pid), caught[0])
 
     def test_log_of_an_earlier_run_is_rotated(self):
         with open(self.wd.log_path, "w") as f:
@@ -138,8 +139,9 @@ class ForegroundRun(unittest.TestCase):
             self.wd.start()
             self.assertEqual(self.wd.wait_exit(20), 0)
         msgs = self.wd.messages()
-        self.assertIn("Failed to init control interfaca", msgs)
-        self.assertTrue(self.wd.log().count("! ") >= 1)
+        failed = [l for l in self.wd.log().splitlines() if l.endswith("] Failed to init control interfaca")]
+        self.assertEqual(len(failed), 1, self.wd.log())
+        self.assertTrue(failed[0].startswith("! "), failed[0])
         self.assertEqual(msgs[-1], "Bye!")
         self.assertFalse(any("Will care about" in m for m in msgs), msgs)
         time.sleep(0.3)
