@@ -3,6 +3,8 @@
 #include <cstdint>
 
 struct instance;
+struct xmlrpc_registry;
+struct _xmlrpc_env;
 
 int ctl_init(instance* inst);
 int ctl_run(instance* inst);
@@ -14,3 +16,7 @@ int ctl_app_resolve(instance* inst, const char* method, int idx, const char* ptr
 // A handle as clients send it back ("%lx", with or without "0x"); 0 for text
 // without hexadecimal digits, which no record has.
 uint64_t ctl_handle_parse(const char* ptr);
+// Registers the method table in `registry` with `inst` as server information:
+// a request handed to the registry is then served as over HTTP (used by
+// ctl_init, and by tests that feed requests without a socket).
+void ctl_register_methods(_xmlrpc_env* env, xmlrpc_registry* registry, instance* inst);

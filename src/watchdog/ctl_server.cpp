@@ -69,6 +69,18 @@ int ctl_init_failed(const char* message)
 
 }  // namespace
 
+void ctl_register_methods(xmlrpc_env* env, xmlrpc_registry* registry, instance* inst)
+{
+    // Registration faults surface later, as calls to an unknown method.
+    for (const ctl_method* m = ctl_methods; m->name; m++) {
+        xmlrpc_method_info3 info{};
+        info.methodName = m->name;
+        info.methodFunction = m->handler;
+        info.serverInfo = inst;
+        xmlrpc_registry_add_method3(env, registry, &info);
+    }
+}
+
 int ctl_init(instance* inst)
 {
     if (!inst) return -EINVAL;
@@ -91,14 +103,7 @@ int ctl_init(instance* inst)
     ctl->parms.port_number = static_cast<unsigned int>(inst->port);
     ctl->parms.log_file_name = nullptr;
 
-    // Registration faults surface later, as calls to an unknown method.
-    for (const ctl_method* m = ctl_methods; m->name; m++) {
-        xmlrpc_method_info3 info{};
-        info.methodName = m->name;
-        info.methodFunction = m->handler;
-        info.serverInfo = inst;
-        xmlrpc_registry_add_method3(env.get(), ctl->registry, &info);
-    }
+    ctl_register_methods(env.get(), ctl->registry, inst);
 
     xmlrpc_server_abyss_global_init(env.get());
     if (env.failed()) return ctl_init_failed("ctl_init: xmlrpc_server_abyss_global_init failed");
