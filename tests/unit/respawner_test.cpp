@@ -275,6 +275,7 @@ TEST_F(Supervision, ChildSeesItsArgumentsEnvironmentOptionFileAndCleanState)
     ft->t_run = 1;
     app* io = add_app("io");
     io->raws.append("--xmlrpc-port=9101");
+    io->numa_bind.set("0");   // node 0 exists everywhere; the binding must not stop the launch
     io->envs.append("WD_TEST_CHILD=record");
     io->envs.append("WD_TEST_OUT=" + (dir_ / "io.rec").string());
     io->t_run = 1;
