@@ -30,6 +30,8 @@ xmlrpc_value* list_to_array(xmlrpc_env* env, const bounded_list<Capacity>& list)
 // Copies the strings of `array` into `list`, which the caller has emptied.
 // Entries beyond the list's capacity are dropped without a message, as the
 // option reader drops them, so a request never fails merely for its length.
+// An empty entry ends the list, as it does everywhere the list is read; the
+// entries after it are still decoded so a malformed request is refused.
 // False after logging the library's fault, which stays in `env`.
 template <std::size_t Capacity>
 bool array_to_list(xmlrpc_env* env, const char* method, xmlrpc_value* array, bounded_list<Capacity>& list)
@@ -39,6 +41,7 @@ bool array_to_list(xmlrpc_env* env, const char* method, xmlrpc_value* array, bou
         log_printf(LOG_ERROR, "%s: xmlrpc_array_size failed: %s (%d)", method, env->fault_string, env->fault_code);
         return false;
     }
+    bool ended = false;
     for (int i = 0; i < size; i++) {
         xmlrpc_value_ref item;
         xmlrpc_array_read_item(env, array, i, item.out());
@@ -54,7 +57,8 @@ bool array_to_list(xmlrpc_env* env, const char* method, xmlrpc_value* array, bou
                        env->fault_code);
             return false;
         }
-        list.append(text.get());
+        if (*text.get() == '\0') ended = true;
+        if (!ended) list.append(text.get());
     }
     return true;
 }

@@ -329,6 +329,17 @@ TEST_F(ItemsTest, EmptyArraysClearBothLists)
     EXPECT_TRUE(got.envs.empty());
 }
 
+TEST_F(ItemsTest, AnEmptyListEntryEndsTheList)
+{
+    item_request r;
+    r.raws = {"--a=1", "", "--b=2"};
+    r.envs = {"", "X=1"};
+    ASSERT_EQ(set_item(r), 0);
+    item_reply got = get_item(0, "");
+    EXPECT_EQ(got.raws, strings{"--a=1"});
+    EXPECT_TRUE(got.envs.empty());
+}
+
 TEST_F(ItemsTest, SurplusListEntriesAreDroppedAndLongValuesCut)
 {
     item_request r;
