@@ -163,24 +163,6 @@ TEST_F(Launch, OptionFileRawsFirstThenDefaultsNotGivenByARaw)
               "-x --settings=/a\n--log-file-name=/Vantrel/logs/io1/log\n--settings=/Vantrel/runtime/io1\n");
 }
 
-TEST_F(Launch, OptionFileWithoutAliasHoldsOnlyTheRaws)
-{
-    app* r = make("elem_flash", "", {"--a=1", "#b", "--matrix=/m"});
-    EXPECT_EQ(child_conf(r), "--a=1\n#b\n--matrix=/m\n");
-}
-
-TEST_F(Launch, FlashDefaultsInBitOrder)
-{
-    app* r = make("elem_flash", "fl", {"--x=1"});
-    EXPECT_EQ(child_conf(r),
-              "--x=1\n"
-              "--log-file-name=/Vantrel/logs/fl/log\n"
-              "--matrix=/Vantrel/runtime/matrix0\n"
-              "--Local=/Vantrel/runtime/fl\n"
-              "--Root=file:///Vantrel/flash\n"
-              "--crossdomain=http://127.0.0.1/crossdomain.xml\n");
-}
-
 TEST_F(Launch, ScriptRawsBecomeArgumentsWithoutCommentsAndAtMost62)
 {
     app* s = make("script", "", {"-v", "#old", "input"});
@@ -256,18 +238,9 @@ TEST_F(Launch, SixthFastEndInARowStopsRespawning)
     EXPECT_EQ(r->fast_respawn_cnt, 7);
     EXPECT_EQ(r->f_respawn, 0);
     EXPECT_EQ(r->err.str(), "Respawn too fast");
-}
-
-TEST_F(Launch, AnEndAfterMoreThanFourSecondsResetsTheCount)
-{
-    app* r = make("io");
-    r->f_respawn = 1;
-    r->started = 1000;
-    r->fast_respawn_cnt = 5;
+    // Only an end more than 4 seconds after the start resets the count.
     launch_classify_end(*r, 1005, exit_status(0));
     EXPECT_EQ(r->fast_respawn_cnt, 0);
-    EXPECT_EQ(r->f_respawn, 1);
-    EXPECT_TRUE(r->err.empty());
 }
 
 TEST_F(Launch, ExitStatus128IsAStartErrorAndWinsOverTooFast)

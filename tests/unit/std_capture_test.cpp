@@ -57,6 +57,8 @@ TEST(StdRing, FortyThousandBytesKeepTheNewest32768)
 TEST(StdRing, ExactlyFullDropsNothingAndOneMoreDropsOne)
 {
     std_ring ring;
+    std_ring_append(ring, "", 0);
+    EXPECT_FALSE(ring.buf);   // storage comes with the first byte
     std::string data = stream_bytes(0, STD_BUF_SIZE + 1);
     std_ring_append(ring, data.data(), STD_BUF_SIZE);
     EXPECT_EQ(ring.head, 0u);
@@ -65,16 +67,6 @@ TEST(StdRing, ExactlyFullDropsNothingAndOneMoreDropsOne)
     EXPECT_EQ(ring.head, 1u);
     EXPECT_EQ(ring.tail, 32769u);
     EXPECT_EQ(ring_bytes(ring), stream_bytes(1, STD_BUF_SIZE + 1));
-}
-
-TEST(StdRing, StorageAppearsWithTheFirstByteOnly)
-{
-    std_ring ring;
-    std_ring_append(ring, "", 0);
-    EXPECT_FALSE(ring.buf);
-    std_ring_append(ring, "x", 1);
-    ASSERT_TRUE(ring.buf);
-    EXPECT_EQ(ring_bytes(ring), "x");
 }
 
 TEST(StdRing, RandomChunksMatchAReferenceOfTheNewestBytes)
@@ -206,26 +198,6 @@ TEST_F(StdDrain, PositionsRunOnOverANewChildAndItsNewFiles)
     EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(36000 - STD_BUF_SIZE, 36000));
     EXPECT_EQ(file_bytes(dir_ / "wd.log.sessions/20180504_130809-4712-1"), stream_bytes(30000, 36000));
     EXPECT_EQ(fs::file_size(session_file(1)), 30000u);
-}
-
-TEST_F(StdDrain, EndOfFileAndClosedPipeEndTheCollection)
-{
-    feed(1, "last words");
-    close(record_->std_pipes[1].wr);
-    record_->std_pipes[1].wr = -1;
-    watchdog_std_drain(inst_, record_, scratch_, 1);
-    EXPECT_EQ(ring_bytes(record_->std_bufs[1]), "last words");
-    close(record_->std_pipes[1].rd);
-    record_->std_pipes[1].rd = -1;
-    EXPECT_EQ(watchdog_std_drain(inst_, record_, scratch_, 1), 0);
-    EXPECT_EQ(record_->std_bufs[1].tail, 10u);
-}
-
-TEST_F(StdDrain, StandardInputRecordIsNeverWritten)
-{
-    EXPECT_EQ(watchdog_std_drain(inst_, record_, scratch_, 0), 0);
-    EXPECT_EQ(record_->std_bufs[0].tail, 0u);
-    EXPECT_FALSE(record_->std_bufs[0].buf);
 }
 
 }  // namespace
