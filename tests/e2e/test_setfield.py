@@ -15,9 +15,12 @@ ERANGE = -34
 ENOENT = -2
 
 # Stays up until SIGINT, then notes the signal and ends a moment later, so a
-# second terminate request arrives while it is still running. Bounded to 60 s.
+# second terminate request arrives while it is still running. It says "READY"
+# once its trap is set, since a signal before that would simply kill it.
+# Bounded to 60 s.
 SIGNAL_NOTING_CHILD = """\
 trap 'echo INT >> "{notes}"; sleep 1; exit 0' INT
+echo READY >> "{notes}.ready"
 i=0
 while [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done
 """
@@ -135,6 +138,7 @@ class RunAndTerminate(SetFieldCase):
         idx = self.add_child_app()
         self.assertEqual(set_field(self.rpc, idx, "", "t_run"), 0)
         pid = self.wait_pid(idx)
+        self.assertTrue(wait_until(lambda: os.path.exists(self.notes + ".ready"), timeout=5.0))
         self.assertEqual(set_field(self.rpc, idx, "", "t_run"), 0)
         self.wd.wait_log(r"ctl_method_SetField: already running")
 
