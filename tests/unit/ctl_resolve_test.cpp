@@ -14,15 +14,12 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(instance_create(&inst_), 0);
-        for (int i = 0; i < 3; i++) {
-            app* a = app_new();
-            ASSERT_NE(a, nullptr);
-            ASSERT_EQ(instance_slot_append(inst_, a), 0);
-        }
+        for (int i = 0; i < 3; i++) ASSERT_EQ(instance_slot_append(inst_, app_new()), 0);
     }
     void TearDown() override { instance_destroy(&inst_); }
 
     int resolve(int idx, const char* ptr) { return ctl_app_resolve(inst_, "test", idx, ptr); }
+    int resolve(int idx, const std::string& ptr) { return resolve(idx, ptr.c_str()); }
     std::string hex(int slot, const char* fmt = "%lx")
     {
         char text[64];
@@ -33,74 +30,63 @@ protected:
     instance* inst_ = nullptr;
 };
 
-TEST_F(CtlResolve, IndexInRangeIgnoresPtr)
+TEST_F(CtlResolve, IndexInRangeWinsAndIndexPastCountAddressesNothing)
 {
     EXPECT_EQ(resolve(0, "garbage"), 0);
-    EXPECT_EQ(resolve(2, hex(0).c_str()), 2);
+    EXPECT_EQ(resolve(2, hex(0)), 2);
     EXPECT_EQ(resolve(1, nullptr), 1);
+    // Out of range is checked first, even when ptr names a record.
+    EXPECT_EQ(resolve(3, hex(1)), -1);
+    EXPECT_EQ(resolve(0x7fffffff, hex(0)), -1);
 }
 
-TEST_F(CtlResolve, IndexAtOrPastCountAddressesNothingEvenWithValidHandle)
+TEST_F(CtlResolve, NegativeIndexFindsTheHandleInAnyNotation)
 {
-    EXPECT_EQ(resolve(3, hex(1).c_str()), -1);
-    EXPECT_EQ(resolve(1024, ""), -1);
-    EXPECT_EQ(resolve(0x7fffffff, hex(0).c_str()), -1);
+    for (const char* fmt : {"%lx", "0x%lx", "%lX", "0X%lX", "  \t+%lx", "%016lx", "%lxzz"})
+        EXPECT_EQ(resolve(-1, hex(2, fmt)), 2) << fmt;
+    EXPECT_EQ(resolve(-42, hex(0)), 0);
 }
 
-TEST_F(CtlResolve, NegativeIndexFindsHandleInAnyNotation)
+TEST_F(CtlResolve, NegativeIndexWithoutAMatchingHandleAddressesNothing)
 {
-    EXPECT_EQ(resolve(-1, hex(2).c_str()), 2);
-    EXPECT_EQ(resolve(-1, hex(2, "0x%lx").c_str()), 2);
-    EXPECT_EQ(resolve(-1, hex(2, "%lX").c_str()), 2);
-    EXPECT_EQ(resolve(-1, hex(2, "0X%lX").c_str()), 2);
-    EXPECT_EQ(resolve(-1, hex(2, "  \t+%lx").c_str()), 2);
-    EXPECT_EQ(resolve(-1, hex(2, "%016lx").c_str()), 2);
-    // Conversion stops at the first non-digit: trailing text is ignored.
-    EXPECT_EQ(resolve(-1, (hex(1) + "zz").c_str()), 1);
-    EXPECT_EQ(resolve(-42, hex(0).c_str()), 0);
-}
-
-TEST_F(CtlResolve, NegativeIndexWithoutMatchingHandleAddressesNothing)
-{
-    EXPECT_EQ(resolve(-1, ""), -1);          // no record has handle 0
+    // Text without hexadecimal digits reads as 0, which no record has.
+    for (const char* ptr : {"", "xyz", "0x", "-"}) EXPECT_EQ(resolve(-1, ptr), -1) << ptr;
     EXPECT_EQ(resolve(-1, nullptr), -1);
-    EXPECT_EQ(resolve(-1, "xyz"), -1);
-    EXPECT_EQ(resolve(-1, "0x"), -1);
-    uint64_t unused = inst_->apps[2]->handle + 1000;
-    char text[32];
-    snprintf(text, sizeof text, "%lx", static_cast<unsigned long>(unused));
-    EXPECT_EQ(resolve(-1, text), -1);
+    char unused[32];
+    snprintf(unused, sizeof unused, "%lx", static_cast<unsigned long>(inst_->apps[2]->handle + 1000));
+    EXPECT_EQ(resolve(-1, unused), -1);
 }
 
 TEST_F(CtlResolve, HandleFollowsTheRecordWhenSlotsMove)
 {
     std::string h2 = hex(2);
     instance_slot_swap(inst_, 1, 2);
-    EXPECT_EQ(resolve(-1, h2.c_str()), 1);
-    app* removed = instance_slot_remove(inst_, 0);
-    app_free(removed);
-    EXPECT_EQ(resolve(-1, h2.c_str()), 0);
+    EXPECT_EQ(resolve(-1, h2), 1);
+    app_free(instance_slot_remove(inst_, 0));
+    EXPECT_EQ(resolve(-1, h2), 0);
 }
 
-TEST(CtlResolveEmpty, NegativeIndexIsSearchedAlsoWithNoApplications)
+TEST_F(CtlResolve, SaysWhyNothingWasAddressed)
+{
+    char unused[32], shown[48];
+    snprintf(unused, sizeof unused, "0x%lxg", static_cast<unsigned long>(inst_->apps[2]->handle + 1));
+    snprintf(shown, sizeof shown, "p=%p not", reinterpret_cast<void*>(inst_->apps[2]->handle + 1));
+    testing::internal::CaptureStderr();
+    resolve(3, "");
+    resolve(-1, unused);
+    std::string logged = testing::internal::GetCapturedStderr();
+    EXPECT_NE(logged.find("test: idx=3 out of apps range (3)"), std::string::npos) << logged;
+    EXPECT_NE(logged.find(std::string("test: ptr=[") + unused + "], " + shown + " found"), std::string::npos)
+        << logged;
+}
+
+TEST(CtlResolveEmpty, NothingIsAddressedWithoutApplications)
 {
     instance* inst = nullptr;
     ASSERT_EQ(instance_create(&inst), 0);
     EXPECT_EQ(ctl_app_resolve(inst, "test", -1, "1"), -1);
     EXPECT_EQ(ctl_app_resolve(inst, "test", 0, "1"), -1);
     instance_destroy(&inst);
-}
-
-TEST(CtlHandleParse, FollowsHexLeadingNumberRules)
-{
-    EXPECT_EQ(ctl_handle_parse("ff"), 0xffu);
-    EXPECT_EQ(ctl_handle_parse("0xFF"), 0xffu);
-    EXPECT_EQ(ctl_handle_parse(" 1aB"), 0x1abu);
-    EXPECT_EQ(ctl_handle_parse("12g4"), 0x12u);
-    EXPECT_EQ(ctl_handle_parse(""), 0u);
-    EXPECT_EQ(ctl_handle_parse("g"), 0u);
-    EXPECT_EQ(ctl_handle_parse(nullptr), 0u);
-    EXPECT_EQ(ctl_handle_parse("ffffffffffffffff"), 0xffffffffffffffffu);
 }
 
 }  // namespace
