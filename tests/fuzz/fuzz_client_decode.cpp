@@ -1,0 +1,385 @@
+// Every answer decoder of the client library, fed with arbitrary values.
+//
+// The input either is an XML-RPC response parsed by the library's own parser
+// (when it starts with '<'), or is read as a small program that builds a value:
+// a type byte, then its content. Struct keys come from the member names the
+// decoders look for, so the fuzzer reaches the deep paths of each decoder
+// instead of failing at the first lookup. Nothing is sent anywhere: the
+// decoders never touch the transport. The decoders write their diagnostics
+// to standard error; run with -close_fd_mask=2 to keep the fuzzer's output
+// readable (crash reports still come through).
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <xmlrpc-c/base.h>
+
+#include "client/vantrel.h"
+#include "client/vantrel_decode.h"
+#include "client/vantrel_decode_ft.h"
+#include "client/vantrel_decode_lib.h"
+#include "client/vantrel_decode_sched.h"
+#include "client/xmlrpc_raii.h"
+
+namespace {
+
+constexpr int DEPTH_MAX = 4;    // the deepest answer (overlays) is three levels
+constexpr int MEMBERS_MAX = 12; // per array or struct
+constexpr int CAPACITY = 3;     // caller arrays of the record-list functions
+
+const char* const keys[] = {
+    "result", "list", "item", "name", "path", "value", "object", "cache_shm_id", "state",
+    "st_ino", "st_size", "st_mtime", "st_ctime", "st_atime", "format_name", "duration",
+    "duration_v", "duration_a", "nb_frames", "nb_streams", "width", "height",
+    "display_aspect_ratio", "sample_aspect_ratio", "r_frame_rate", "sample_fmt", "sample_rate",
+    "channels", "timecode", "subclips", "mark_in", "title", "thumb", "png", "size", "amend_idx",
+    "total_items", "free_space", "total_space", "used_space", "amend_list", "cue_cnt",
+    "cue_date", "tc", "id", "enabled", "min", "hour", "day", "weekday", "month", "year", "calc",
+    "mode", "enc", "start_time", "transfer", "prefix", "status", "origin", "start", "s_now",
+    "t_now", "s_start", "t_start", "s_end", "t_end", "s_next", "t_next", "type", "host", "port",
+    "login", "passw", "target", "f_import", "f_delete", "object_local", "object_remote",
+    "progress", "error", "updated", "created", "src_object", "src_local", "dst_object",
+    "dst_local", "in", "dur", "factory", "profile", "audio_map", "audio_conf", "osd", "gen",
+    "pos", "idx", "layers", "fonts", "modes", "submodes", "settings",
+};
+constexpr int KEY_COUNT = sizeof(keys) / sizeof(keys[0]);
+
+const char* const texts[] = {
+    "", "0", "0.0", "1.5", "-3", "30000/1001", "16:9", "4", "x/2", "1:", "nan", "1e999",
+    "2147483648", "00:00:00:00", "media/", "media", "Z", "a\tb",
+};
+constexpr int TEXT_COUNT = sizeof(texts) / sizeof(texts[0]);
+
+const int ints[] = {0, 1, 2, 3, -1, -2, -5, -12, -14, -22, INT_MIN, INT_MAX};
+constexpr int INT_COUNT = sizeof(ints) / sizeof(ints[0]);
+
+// Reads the input from the front; runs dry into zeros, which build integers,
+// so every input ends in a finite value.
+struct byte_reader {
+    const uint8_t* p;
+    size_t n;
+
+    uint8_t u8()
+    {
+        if (n == 0) return 0;
+        --n;
+        return *p++;
+    }
+    uint32_t u32()
+    {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; ++i) v = (v << 8) | u8();
+        return v;
+    }
+    std::string bytes(size_t max)
+    {
+        size_t len = u8() % (max + 1);
+        if (len > n) len = n;
+        std::string out(reinterpret_cast<const char*>(p), len);
+        p += len;
+        n -= len;
+        return out;
+    }
+};
+
+xmlrpc_value* build(xmlrpc_env* env, byte_reader& in, int depth);
+
+xmlrpc_value* build_struct(xmlrpc_env* env, byte_reader& in, int depth, bool with_result)
+{
+    xmlrpc_value* s = xmlrpc_struct_new(env);
+    if (env->fault_occurred) return nullptr;
+    if (with_result) {
+        xmlrpc_value_ref result(xmlrpc_int_new(env, ints[in.u8() % INT_COUNT]));
+        if (!env->fault_occurred) xmlrpc_struct_set_value(env, s, "result", result.get());
+    }
+    int count = in.u8() % (MEMBERS_MAX + 1);
+    for (int i = 0; i < count && !env->fault_occurred; ++i) {
+        uint8_t pick = in.u8();
+        // Mostly known keys; now and then an arbitrary printable one (the
+        // value library itself crashes on a key that is not UTF-8, and its
+        // XML parser never hands such a key out).
+        std::string key = pick < 240 ? keys[pick % KEY_COUNT] : in.bytes(16);
+        for (char& c : key) c = static_cast<char>(' ' + static_cast<unsigned char>(c) % 95);
+        xmlrpc_value_ref member(build(env, in, depth + 1));
+        if (!env->fault_occurred) xmlrpc_struct_set_value(env, s, key.c_str(), member.get());
+    }
+    if (env->fault_occurred) {
+        xmlrpc_DECREF(s);
+        return nullptr;
+    }
+    return s;
+}
+
+xmlrpc_value* build(xmlrpc_env* env, byte_reader& in, int depth)
+{
+    uint8_t kind = in.u8() % 12;
+    if (depth >= DEPTH_MAX && kind >= 9) kind = 0;
+    switch (kind) {
+    case 0: return xmlrpc_int_new(env, ints[in.u8() % INT_COUNT]);
+    case 1: return xmlrpc_int_new(env, static_cast<int>(in.u32()));
+    case 2: {
+        xmlrpc_int64 v = static_cast<xmlrpc_int64>((uint64_t{in.u32()} << 32) | in.u32());
+        return xmlrpc_i8_new(env, v);
+    }
+    case 3: return xmlrpc_double_new(env, static_cast<double>(static_cast<int32_t>(in.u32())) / 7.0);
+    case 4: return xmlrpc_bool_new(env, in.u8() & 1);
+    case 5: return xmlrpc_string_new(env, texts[in.u8() % TEXT_COUNT]);
+    case 6: {
+        std::string raw = in.bytes(64);
+        xmlrpc_value* v = xmlrpc_string_new_lp(env, raw.size(), raw.data());
+        if (!env->fault_occurred) return v;
+        // Not acceptable as a string: a plain integer stands in.
+        xmlrpc_env_clean(env);
+        xmlrpc_env_init(env);
+        return xmlrpc_int_new(env, 0);
+    }
+    case 7: {
+        // Longer than every fixed field, to test the cuts.
+        std::string big(4096 + in.u8(), 'x');
+        return xmlrpc_string_new(env, big.c_str());
+    }
+    case 8: {
+        std::string raw = in.bytes(64);
+        return xmlrpc_base64_new(env, raw.size(), reinterpret_cast<const unsigned char*>(raw.data()));
+    }
+    case 9:
+    case 10: {
+        xmlrpc_value* array = xmlrpc_array_new(env);
+        if (env->fault_occurred) return nullptr;
+        int count = in.u8() % (MEMBERS_MAX + 1);
+        for (int i = 0; i < count && !env->fault_occurred; ++i) {
+            xmlrpc_value_ref item(build(env, in, depth + 1));
+            if (!env->fault_occurred) xmlrpc_array_append_item(env, array, item.get());
+        }
+        if (env->fault_occurred) {
+            xmlrpc_DECREF(array);
+            return nullptr;
+        }
+        return array;
+    }
+    default: return build_struct(env, in, depth, in.u8() & 1);
+    }
+}
+
+template <typename T>
+void free_list(T** list)
+{
+    if (!list) return;
+    for (T** r = list; *r; ++r) free(*r);
+    free(list);
+}
+
+int count_names(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int, int)
+{
+    xmlrpc_cstr name;
+    xmlrpc_decompose_value(env, item, "{s:s,*}", "name", name.out());
+    if (!env->fault_occurred) ++*static_cast<int*>(ctx);
+    return 0;
+}
+
+// Each decoder gets a fresh environment, as after a successful call.
+template <typename Decode>
+void with_env(Decode decode)
+{
+    xmlrpc_env_guard env;
+    decode(env.get());
+}
+
+void decode_everything(xmlrpc_value* answer)
+{
+    // ---- call frame ----
+    with_env([&](xmlrpc_env* env) { vantrel_result_decode(env, "f", "M.m", answer); });
+    with_env([&](xmlrpc_env* env) {
+        int names = 0;
+        parse_custom_list("f", env, answer, "list", count_names, &names);
+    });
+    with_env([&](xmlrpc_env* env) {
+        int names = 0;
+        parse_custom_list("f", env, answer, nullptr, count_names, &names);
+    });
+    with_env([&](xmlrpc_env* env) {
+        char** list = nullptr;
+        xmlrpc_INCREF(answer);   // the walker takes its answer over
+        parse_simple_list_response("f", env, answer, &list);
+        vantrel_str_list_free(&list);
+    });
+
+    // ---- playout, templates, settings ----
+    with_env([&](xmlrpc_env* env) {
+        auto status = std::make_unique<vantrel_status>();
+        vantrel_getstatus_decode(env, answer, status.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        int gen = 0, pos = 0, idx = 0;
+        vantrel_playlist_item* items = nullptr;
+        vantrel_playlist_items_decode(env, answer, &gen, &pos, &idx, &items);
+        free(items);
+    });
+    with_env([&](xmlrpc_env* env) {
+        char** layers = nullptr;
+        vantrel_lib_tmpl_get_decode(env, answer, &layers);
+        vantrel_str_list_free(&layers);
+    });
+    with_env([&](xmlrpc_env* env) {
+        char** fonts = nullptr;
+        vantrel_lib_tmpl_fonts_decode(env, "VantrelLib.TmplFonts", answer, &fonts);
+        vantrel_str_list_free(&fonts);
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto value = std::make_unique<char[]>(VANTREL_STR_SIZE);
+        vantrel_lib_build_template_decode(env, answer, value.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto settings = std::make_unique<vantrel_io_settings>();
+        vantrel_io_settings_get_decode(env, answer, settings.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_io_mode** modes = nullptr;
+        vantrel_io_settings_get_modes_decode(env, answer, &modes);
+        if (modes) vantrel_io_settings_modes_free(&modes);
+    });
+
+    // ---- media library ----
+    with_env([&](xmlrpc_env* env) { vantrel_lib_path_result_decode(env, "f", answer); });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_meta* meta = nullptr;
+        vantrel_lib_meta_item_decompose(env, answer, &meta);
+        free(meta);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_dir** dirs = nullptr;
+        vantrel_lib_list_dirs_decode(env, answer, "media", &dirs);
+        free_list(dirs);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_meta** items = nullptr;
+        vantrel_lib_list_items_decode(env, answer, "media/", &items);
+        free_list(items);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_meta* meta = nullptr;
+        vantrel_lib_meta_item_decode(env, answer, "media/a", &meta);
+        free(meta);
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto item = std::make_unique<char[]>(VANTREL_STR_SIZE);
+        vantrel_lib_search_decode(env, answer, "f", "M.m", item.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_subclip** clips = nullptr;
+        vantrel_lib_list_subclips_decode(env, answer, &clips, 7);
+        vantrel_lib_subclips_free(&clips);
+    });
+    with_env([&](xmlrpc_env* env) {
+        unsigned char* data = nullptr;
+        uint32_t size = 0;
+        vantrel_lib_thumb_decode(env, answer, "f", "u", "M.m", "thumb", &data, &size);
+        free(data);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_overlay** groups = nullptr;
+        vantrel_lib_list_overlays_decode(env, answer, &groups);
+        vantrel_lib_overlays_free(&groups);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_overlay** groups = nullptr;
+        vantrel_lib_list_overlays_level(env, answer, 0, &groups);
+        vantrel_lib_overlays_free(&groups);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_usage* usage = nullptr;
+        vantrel_lib_state_decode(env, answer, &usage);
+        free(usage);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_lib_usage* usage = nullptr;
+        vantrel_lib_disk_usage_decode(env, answer, &usage);
+        free(usage);
+    });
+    with_env([&](xmlrpc_env* env) {
+        int64_t cnt = 0, date = 0;
+        vantrel_lib_register_cue_decode(env, answer, &cnt, &date);
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto value = std::make_unique<char[]>(VANTREL_STR_SIZE);
+        auto object = std::make_unique<char[]>(VANTREL_STR_SIZE);
+        int32_t shm = 0;
+        vantrel_basename_item_decode(env, answer, value.get(), object.get(), &shm);
+        vantrel_lib_basename_overlay_decode(env, answer, value.get());
+    });
+
+    // ---- scheduler ----
+    with_env([&](xmlrpc_env* env) {
+        vantrel_sched_item* item = nullptr;
+        vantrel_sched_item_get_decode(env, answer, &item);
+        free(item);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_sched_item* item = nullptr;
+        vantrel_sched_item_decompose(env, answer, &item);
+        free(item);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_sched_item** items = nullptr;
+        vantrel_sched_item_list_decode(env, answer, &items);
+        free_list(items);
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_sched_log** logs = nullptr;
+        vantrel_sched_log_list_decode(env, answer, &logs);
+        free_list(logs);
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto state = std::make_unique<vantrel_sched_state>();
+        vantrel_sched_get_state_decode(env, answer, state.get());
+    });
+
+    // ---- file transfer and transcoder ----
+    with_env([&](xmlrpc_env* env) {
+        auto targets = std::make_unique<vantrel_ft_target[]>(CAPACITY);
+        vantrel_filetransfer_targets_list_decode(env, answer, CAPACITY, targets.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto requests = std::make_unique<vantrel_ft_request[]>(CAPACITY);
+        vantrel_filetransfer_requests_list_decode(env, answer, CAPACITY, requests.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto requests = std::make_unique<vantrel_ftc_request[]>(CAPACITY);
+        vantrel_filetranscoder_requests_list_decode(env, answer, CAPACITY, requests.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto request = std::make_unique<vantrel_ft_request>();
+        vantrel_filetransfer_request_get_decode(env, answer, request.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        char** names = nullptr;
+        vantrel_filetransfer_list_decode(env, answer, &names);
+        vantrel_str_list_free(&names);
+    });
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    xmlrpc_env_guard env;
+    xmlrpc_value_ref answer;
+    if (size > 0 && data[0] == '<') {
+        int fault_code = 0;
+        const char* fault_text = nullptr;
+        xmlrpc_parse_response2(env.get(), reinterpret_cast<const char*>(data), size, answer.out(),
+                               &fault_code, &fault_text);
+        free(const_cast<char*>(fault_text));
+    } else {
+        byte_reader in{data, size};
+        // Most answers are structs with a result; start there most of the time.
+        uint8_t shape = in.u8();
+        answer.reset(shape < 200 ? build_struct(env.get(), in, 0, true) : build(env.get(), in, 0));
+    }
+    if (env.failed() || !answer) return 0;
+    decode_everything(answer.get());
+    return 0;
+}
