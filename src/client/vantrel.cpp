@@ -58,7 +58,11 @@ xmlrpc_value* call_and_report(xmlrpc_env* env, const char* fn, const char* url,
             xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "request is not a parameter list");
     }
     xmlrpc_value_ref answer;
-    if (!env->fault_occurred) answer.reset(xmlrpc_client_call_params(env, url, method, params.get()));
+    if (!env->fault_occurred) {
+        // On a fault the library leaves its result undefined: keep it only on success.
+        xmlrpc_value* result = xmlrpc_client_call_params(env, url, method, params.get());
+        if (!env->fault_occurred) answer.reset(result);
+    }
     if (env->fault_occurred) {
         if (fn)
             fprintf(stderr, "%s: xmlrpc_client_callX(%s, %s) failed: %s (%d)", fn,
