@@ -1,0 +1,206 @@
+// Arbitrary command lines and option files, files naming each other and
+// themselves included. Whatever the reader accepts must respect the record
+// capacities, and whatever it stored must come back unchanged through the
+// option-file writer and a second read.
+//
+// Input: segments separated by NUL bytes. The first is the command line, one
+// argument per line; the next four are the contents of four option files.
+// "@0" to "@3" in any segment stand for those files' paths, "@9" for a file
+// that does not exist and "@d" for a directory.
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app_types.h"
+#include "conf_writer.h"
+#include "instance.h"
+#include "log/log.h"
+#include "options.h"
+
+namespace {
+
+constexpr int FILES = 4;
+constexpr int ARGS_MAX = 16;
+// Every reference to a file may read it again, so the number of passes grows
+// with refs^files; a few per file keep one input well under a second.
+constexpr int REFS_PER_SEGMENT = 3;
+
+std::string g_dir;
+
+std::string file_path(int i) { return g_dir + "/f" + std::to_string(i) + ".conf"; }
+
+std::string expand(const std::string& text)
+{
+    std::string out;
+    int refs = 0;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '@' && i + 1 < text.size() && refs < REFS_PER_SEGMENT) {
+            char c = text[i + 1];
+            if (c >= '0' && c < '0' + FILES) {
+                out += file_path(c - '0');
+                refs++;
+                i++;
+                continue;
+            }
+            if (c == '9' || c == 'd') {
+                out += c == '9' ? g_dir + "/missing.conf" : g_dir;
+                refs++;
+                i++;
+                continue;
+            }
+        }
+        out += text[i];
+    }
+    return out;
+}
+
+void write_file(const std::string& path, const std::string& content)
+{
+    FILE* f = fopen(path.c_str(), "wb");
+    if (!f) abort();
+    fwrite(content.data(), 1, content.size(), f);
+    fclose(f);
+}
+
+void check_capacities(const instance* inst)
+{
+    if (inst->cnt < 0 || inst->cnt > APPS_MAX) abort();
+    bool last_found = inst->last_app == nullptr;
+    for (int i = 0; i < inst->cnt; i++) {
+        const app* a = inst->apps[i];
+        if (!a || a->type < 1 || a->type >= APP_TYPES_CNT) abort();
+        if (a == inst->last_app) last_found = true;
+        if (a->envs.size() > APP_ENVS_MAX || a->raws.size() > APP_RAWS_MAX) abort();
+        for (const bounded_str* s : {&a->config, &a->alias, &a->thumb, &a->bin_path, &a->numa_bind})
+            if (s->size() > TEXT_FIELD_MAX || strlen(s->c_str()) != s->size()) abort();
+    }
+    if (!last_found) abort();
+    if (inst->conf_file.size() > TEXT_FIELD_MAX || inst->log_file_name.size() > TEXT_FIELD_MAX) abort();
+}
+
+// What a value reads back as after the writer put it on a line after `prefix`:
+// the reader takes at most 4095 bytes per line, newline included, and strips
+// blanks at the end of the line.
+std::string read_back(const std::string& prefix, const std::string& value)
+{
+    std::string line = prefix + value;
+    if (line.size() > TEXT_FIELD_MAX - 1) line.resize(TEXT_FIELD_MAX - 1);
+    while (!line.empty() && strchr("\n\t\r ", line.back())) line.pop_back();
+    if (line.size() < prefix.size()) abort();   // the prefix itself never loses characters
+    return line.substr(prefix.size());
+}
+
+void expect_same(const std::string& prefix, const bounded_str& before, const bounded_str& after)
+{
+    if (read_back(prefix, before.str()) != after.str()) abort();
+}
+
+template <std::size_t N>
+void expect_same_list(const std::string& prefix, const bounded_list<N>& before, const bounded_list<N>& after)
+{
+    std::vector<std::string> expected;
+    for (const auto& item : before) {
+        std::string v = read_back(prefix, item.str());
+        if (!v.empty()) expected.push_back(v);   // an all-blank value reads back as nothing
+    }
+    if (expected.size() != after.size()) abort();
+    for (size_t i = 0; i < expected.size(); i++)
+        if (expected[i] != after[i].str()) abort();
+}
+
+// Writes what was read and reads it again: the same configuration must result.
+void check_round_trip(instance* inst)
+{
+    std::string path = g_dir + "/written.conf";
+    unlink(path.c_str());   // no backups pile up over a long run
+    inst->conf_file.set(path);
+    if (watchdog_save_conf(inst) != 0) abort();
+
+    instance* again = nullptr;
+    if (instance_create(&again) != 0) abort();
+    std::vector<char*> argv = {const_cast<char*>("fuzz"), path.data(), nullptr};
+    instance_opts(again, 2, argv.data());
+
+    if (again->cnt != inst->cnt) abort();
+    if (again->port != inst->port || again->log_rotate_interval != inst->log_rotate_interval) abort();
+    if ((again->debug != 0) != (inst->debug != 0) || again->demonize != inst->demonize) abort();
+    expect_same("--instance-name=", inst->instance_name, again->instance_name);
+    expect_same("--log-file-name=", inst->log_file_name, again->log_file_name);
+    for (int i = 0; i < inst->cnt; i++) {
+        const app& a = *inst->apps[i];
+        const app& b = *again->apps[i];
+        if (a.type != b.type) abort();
+        if ((a.f_respawn != 0) != (b.f_respawn != 0) || (a.f_autorun != 0) != (b.f_autorun != 0)) abort();
+        expect_same(std::string("--") + app_types[a.type].name + "=", a.config, b.config);
+        expect_same("--alias=", a.alias, b.alias);
+        expect_same("--thumb=", a.thumb, b.thumb);
+        expect_same("--bin-path=", a.bin_path, b.bin_path);
+        expect_same("--numa-bind=", a.numa_bind, b.numa_bind);
+        expect_same_list("--env=", a.envs, b.envs);
+        expect_same_list("--raw=", a.raws, b.raws);
+    }
+    instance_destroy(&again);
+}
+
+bool round_trip_applies(const instance* inst)
+{
+    // A value that reads back as empty is not written at all; an empty alias
+    // or thumb and a missing one look the same, which is what the writer does.
+    // Values cut to nothing change the list, handled in expect_same_list.
+    for (int i = 0; i < inst->cnt; i++)
+        if (inst->apps[i]->type <= APP_TYPE_NONE) return false;
+    return inst->port != 0;
+}
+
+}   // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    log_set_stderr(0);
+    char tmpl[] = "/tmp/fuzz_options_XXXXXX";
+    if (!mkdtemp(tmpl)) abort();
+    g_dir = tmpl;
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    std::vector<std::string> segments(1);
+    for (size_t i = 0; i < size; i++) {
+        if (data[i] == 0 && segments.size() < 1 + FILES)
+            segments.emplace_back();
+        else
+            segments.back() += static_cast<char>(data[i]);
+    }
+    segments.resize(1 + FILES);
+    for (int i = 0; i < FILES; i++) write_file(file_path(i), expand(segments[1 + i]));
+
+    std::vector<std::string> args = {"fuzz"};
+    std::string line;
+    for (char c : expand(segments[0]) + "\n") {
+        if (c != '\n') {
+            line += c;
+            continue;
+        }
+        if (!line.empty() && args.size() < ARGS_MAX) args.push_back(line);
+        line.clear();
+    }
+    if (args.size() == 1) args.push_back(file_path(0));
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    instance* inst = nullptr;
+    if (instance_create(&inst) != 0) abort();
+    int r = instance_opts(inst, static_cast<int>(args.size()), argv.data());
+    if (r != 0 && r != -1 && r != -22) abort();
+    check_capacities(inst);
+    if (round_trip_applies(inst)) check_round_trip(inst);
+    if (instance_destroy(&inst) != 0) abort();
+    return 0;
+}

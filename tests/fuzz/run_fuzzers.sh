@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (address and undefined-behaviour
+# sanitizers on, every library of the project instrumented for coverage) and
+# runs each for a bounded time on its committed corpus.
+#
+#   bash tests/fuzz/run_fuzzers.sh              # 30 s per target
+#   FUZZ_SECONDS=3600 bash tests/fuzz/run_fuzzers.sh fuzz_options   # one target, one hour
+#
+# For a long run by hand, keep new inputs out of the repository:
+#   build-fuzz/tests/fuzz/fuzz_ctl_methods /tmp/my-corpus tests/fuzz/corpus/fuzz_ctl_methods \
+#       -max_total_time=36000 -rss_limit_mb=2048 -jobs=2 -workers=2
+# and merge the few interesting ones back with -merge=1 into tests/fuzz/corpus/<target>/.
+# A crash leaves crash-<hash> in the work directory; replay it with the target
+# and that file as its only argument.
+#
+# Prints "N passed, N failed" (one per target) as its last line; exits 1 when
+# a target found a fault.
+set -uo pipefail
+cd "$(dirname "$0")/../.."
+root=$(pwd)
+build=${FUZZ_BUILD_DIR:-$root/build-fuzz}
+seconds=${FUZZ_SECONDS:-30}
+work=$(mktemp -d /tmp/vantrel-fuzz-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  for f in tests/fuzz/fuzz_*.cpp; do targets+=("$(basename "$f" .cpp)"); done
+fi
+
+if ! command -v clang++ >/dev/null; then
+  echo "run_fuzzers: clang++ not found (scripts/setup.sh installs it)"
+  echo "0 passed, 1 failed"
+  exit 1
+fi
+
+CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DVANTREL_FUZZ=ON -DVANTREL_ASAN=ON \
+  -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link >"$work/configure.log" 2>&1 ||
+  { cat "$work/configure.log"; echo "0 passed, 1 failed"; exit 1; }
+cmake --build "$build" --target "${targets[@]}" -j"$(nproc)" >"$work/build.log" 2>&1 ||
+  { tail -50 "$work/build.log"; echo "0 passed, 1 failed"; exit 1; }
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+
+passed=0
+failed=0
+for t in "${targets[@]}"; do
+  corpus="$root/tests/fuzz/corpus/$t"
+  mkdir -p "$work/$t"
+  args=(-max_total_time="$seconds" -rss_limit_mb=2048 -timeout=20 -print_final_stats=1
+        -artifact_prefix="$root/build-fuzz-$t-")
+  # The option reader reports on standard error by design; keep the run readable.
+  [ "$t" = fuzz_options ] && args+=(-close_fd_mask=2)
+  [ "$t" = fuzz_request_path ] && args+=(-dict="$root/tests/fuzz/xmlrpc.dict")
+  echo "== $t: ${seconds}s"
+  # New inputs go to a scratch directory first, the committed corpus is only read.
+  if (cd "$work" && timeout $((seconds + 120)) "$build/tests/fuzz/$t" "${args[@]}" "$work/$t" "$corpus") \
+      >"$work/$t.log" 2>&1; then
+    grep -E "^stat::number_of_executed_units|^Done" "$work/$t.log" | tail -2
+    passed=$((passed + 1))
+  else
+    tail -60 "$work/$t.log"
+    echo "== $t FAILED (artifact: $root/build-fuzz-$t-*)"
+    failed=$((failed + 1))
+  fi
+done
+
+echo "fuzz: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
