@@ -1,6 +1,7 @@
 """GetStatus, GetElements and GetApps through the running binary: empty and
 populated listings, run times, element ports, and faults for bad parameters."""
 
+import os
 import time
 import unittest
 import xmlrpc.client
@@ -9,8 +10,9 @@ from watchdog_harness import BIN, Watchdog, wait_until
 
 # Stays up for at most 60 s; short sleeps so SIGINT ends it promptly.
 SLEEPER = "i=0\nwhile [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
-# Ignores SIGINT, so a termination request stays pending.
-STUBBORN = "trap '' INT\n" + SLEEPER
+# Ignores SIGINT, so a termination request stays pending; the marker file
+# tells that the trap is in place.
+STUBBORN = "trap '' INT\ntouch \"$0.ready\"\n" + SLEEPER
 
 
 def running(exe_dir, type_name, alias, *extra):
@@ -97,6 +99,8 @@ class PopulatedInstance(unittest.TestCase):
         self.assertEqual(later["terminated"], 0)
 
     def test_terminated_counts_while_a_termination_is_pending(self):
+        ready = self.wd.path("bin", "VantrelElementsDVE.ready")
+        self.assertTrue(wait_until(lambda: os.path.exists(ready), 10), "the DVE never set its trap")
         dve = self.listing()[7]
         self.assertEqual(self.rpc.VantrelWatchdog.SetField(7, dve["ptr"], "t_term", "")["ret"], 0)
         time.sleep(2.2)

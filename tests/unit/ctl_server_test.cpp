@@ -272,7 +272,6 @@ protected:
         r.tail = 40000;
         r.buf.reset(new char[STD_BUF_SIZE]);
         for (uint64_t p = r.head; p < r.tail; p++) r.buf[p - r.head] = static_cast<char>(p % 251);
-        snprintf(ptr_, sizeof ptr_, "%lX", static_cast<unsigned long>(a->handle));
     }
     // Reply text for reading from `off`; checks the returned bytes as well.
     std::string read(xmlrpc_value* request)
@@ -297,7 +296,6 @@ protected:
         return "{ret:1,ptr:'',off:" + std::to_string(next) + "L,head:7232L,tail:40000L,file_no:1,buf:b" +
                std::to_string(len) + "}";
     }
-    char ptr_[32];
 };
 
 TEST_F(CtlStdBuf, OffsetsAreClampedToTheHeldRangeAndChunksCapped)
@@ -309,20 +307,6 @@ TEST_F(CtlStdBuf, OffsetsAreClampedToTheHeldRangeAndChunksCapped)
     for (auto& c : cases) {
         EXPECT_EQ(read(params("(isIi)", 1, "", xmlrpc_int64{c.off}, 1)), window(c.next, c.len)) << c.off;
     }
-}
-
-TEST_F(CtlStdBuf, OffsetAsDecimalTextReadsTheSameAsI8)
-{
-    EXPECT_EQ(read(params("(issi)", 1, "", " 8256xyz", 1)), window(9280, 1024));
-    EXPECT_EQ(read(params("(issi)", 1, "", "-3", 1)), window(8256, 1024));
-    EXPECT_EQ(read(params("(issi)", 1, "", "junk", 1)), window(8256, 1024));
-}
-
-TEST_F(CtlStdBuf, HandleAddressingAnswersTheSlotIndexAndEchoesPtr)
-{
-    std::string ptr = std::string("0X") + ptr_;
-    EXPECT_EQ(read(params("(isIi)", -1, ptr.c_str(), xmlrpc_int64{39500}, 1)),
-              "{ret:1,ptr:'" + ptr + "',off:40000L,head:7232L,tail:40000L,file_no:1,buf:b500}");
 }
 
 TEST_F(CtlStdBuf, RecordsThatNeverReceivedAByteReadAsEmpty)
