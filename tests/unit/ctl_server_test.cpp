@@ -25,9 +25,11 @@
 #include "ctl_methods.h"
 #include "instance.h"
 
-// The library keeps a small block when server creation fails (port in use);
-// only sanitizer builds look at this.
+// Only sanitizer builds look at these. The library keeps a small block when
+// server creation fails (port in use), and on termination it writes to a
+// connection's wake-up pipe while that connection's thread may close it.
 extern "C" const char* __lsan_default_suppressions() { return "leak:xmlrpc_server_abyss_create\n"; }
+extern "C" const char* __tsan_default_suppressions() { return "race:libxmlrpc_abyss.so\n"; }
 
 namespace {
 
