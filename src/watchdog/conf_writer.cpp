@@ -1,6 +1,7 @@
 #include "conf_writer.h"
 
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -51,26 +52,16 @@ void put_app(FILE* f, const app& a)
 
 }   // namespace
 
-int watchdog_save_conf(instance* inst)
+namespace {
+
+int save_failed(const char* path, int err)
 {
-    const char* path = inst->conf_file.c_str();
+    log_printf(LOG_ERROR, "%s: failed to open [%s], r=%d (%s)", "watchdog_save_conf", path, err, strerror(err));
+    return -err;
+}
 
-    struct timeval now {};
-    gettimeofday(&now, nullptr);
-    char backup[TEXT_FIELD_SIZE];
-    snprintf(backup, sizeof backup, "%s-%ld.%ld", path, static_cast<long>(now.tv_sec),
-             static_cast<long>(now.tv_usec));
-    rename(path, backup);   // nothing to keep is no error
-
-    FILE* f = fopen(path, "w");
-    if (!f) {
-        int err = errno;
-        log_printf(LOG_ERROR, "%s: failed to open [%s], r=%d (%s)", "watchdog_save_conf", path, err,
-                   strerror(err));
-        return -err;
-    }
-    log_printf(LOG_INFO, "%s: updating config file [%s]", "watchdog_save_conf", path);
-
+void write_conf(FILE* f, const instance* inst)
+{
     if (inst->demonize) fputs("--demonize\n", f);
     if (inst->debug) fputs("--debug\n", f);
     put_line(f, "--instance-name=", inst->instance_name.str());
@@ -83,6 +74,53 @@ int watchdog_save_conf(instance* inst)
         if (!a || a->type <= APP_TYPE_NONE || a->type >= APP_TYPES_CNT) continue;
         put_app(f, *a);
     }
-    fclose(f);
+}
+
+}   // namespace
+
+int watchdog_save_conf(instance* inst)
+{
+    const char* path = inst->conf_file.c_str();
+    // No option file was read: nothing to rewrite (and no directory to put a
+    // temporary file in).
+    if (!*path) return save_failed(path, ENOENT);
+
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    char backup[TEXT_FIELD_SIZE];
+    snprintf(backup, sizeof backup, "%s-%ld.%ld", path, static_cast<long>(now.tv_sec),
+             static_cast<long>(now.tv_usec));
+
+    // The new file is written aside and renamed over the old one, so anyone
+    // reading the option file (an operator, a tool, the next start after a
+    // crash) sees either the old or the new file whole, never a part of one.
+    std::string temp = std::string(path) + ".writing";
+    FILE* f = fopen(temp.c_str(), "w");
+    if (!f) return save_failed(path, errno);
+    log_printf(LOG_INFO, "%s: updating config file [%s]", "watchdog_save_conf", path);
+
+    write_conf(f, inst);
+    bool written = !ferror(f);
+    int err = errno;
+    if (fclose(f) != 0 && written) {
+        written = false;
+        err = errno;
+    }
+    if (!written) {
+        // A full disk must not cost the configuration that still stands.
+        unlink(temp.c_str());
+        log_printf(LOG_ERROR, "%s: failed to write [%s], r=%d (%s)", "watchdog_save_conf", path, err,
+                   strerror(err));
+        return -err;
+    }
+
+    // The backup is a second name of the old file, so the option file never
+    // goes missing in between; where no link can be made, a move does it.
+    if (link(path, backup) != 0 && errno != ENOENT) rename(path, backup);
+    if (rename(temp.c_str(), path) != 0) {
+        err = errno;
+        unlink(temp.c_str());
+        return save_failed(path, err);
+    }
     return 0;
 }
