@@ -224,7 +224,7 @@ int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value
         return VANTREL_EFAULT;
     }
     if (result < 0) {
-        fprintf(stderr, "%s/%s: return %d (%s)", caller, self, result, strerror(-result));
+        fprintf(stderr, "%s/%s: return %d (%s)", caller, self, result, vantrel::errno_text(result));
         return result;
     }
     xmlrpc_value_ref list;

@@ -13,6 +13,8 @@
 #include <xmlrpc-c/base.h>
 #include <xmlrpc-c/client.h>  // declares the global client inside its extern "C"
 
+#include "vantrel_internal.h"
+
 namespace vantrel_records {
 
 // Builds the request and calls `method` with the process-wide client. Writes
@@ -41,12 +43,7 @@ inline xmlrpc_value* quiet_call(xmlrpc_env* env, const char* url, const char* me
     return env->fault_occurred ? nullptr : answer;
 }
 
-// strerror of a negated errno; safe for any value a server may send.
-inline const char* errno_text(int result)
-{
-    // -INT_MIN does not exist; any unknown code reads "Unknown error".
-    return strerror(result == INT_MIN ? INT_MAX : -result);
-}
+using vantrel::errno_text;
 
 template <typename T>
 void free_plain(T* record)

@@ -4,7 +4,9 @@
 // decoder; the helpers here keep the call side to a few lines.
 #include <cstdarg>
 #include <cstddef>
+#include <climits>
 #include <cstdlib>
+#include <cstring>
 
 #include <xmlrpc-c/base.h>
 
@@ -12,6 +14,13 @@
 #include "xmlrpc_raii.h"
 
 namespace vantrel {
+
+// strerror of a negated errno; safe for any value a server may send.
+inline const char* errno_text(int result)
+{
+    // -INT_MIN does not exist; any unknown code reads "Unknown error".
+    return strerror(result == INT_MIN ? INT_MAX : -result);
+}
 
 // Source path printed in the "[%s:%d]" diagnostics.
 inline constexpr const char* source_path = "src/client/vantrel";

@@ -207,7 +207,7 @@ int settings_list(xmlrpc_env* env, const char* fn, const char* method, xmlrpc_va
     int result = vantrel_result_decode(env, fn, method, answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
     if (result < 0) {
-        fprintf(stderr, "%s: %s return %d (%s)", fn, method, result, strerror(-result));
+        fprintf(stderr, "%s: %s return %d (%s)", fn, method, result, errno_text(result));
         return result;
     }
     xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", list.out());
@@ -341,7 +341,7 @@ int vantrel_lib_build_template_decode(xmlrpc_env* env, xmlrpc_value* answer, cha
     if (!env->fault_occurred) xmlrpc_decompose_value(env, answer, "{s:i,*}", "result", &result);
     if (!env->fault_occurred && result < 0) {
         fprintf(stderr, "%s:%d: VantrelLib.LibTemplateBuild return %d (%s)\n", fn, __LINE__,
-                result, strerror(-result));
+                result, errno_text(result));
         return result;
     }
     text_out text;
