@@ -11,6 +11,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 work=${2:-$(mktemp -d /tmp/watchdog-example.XXXXXX)}
 mkdir -p "$work"
 work=$(cd "$work" && pwd)
+# Captured output goes to session files only when this directory exists.
+mkdir -p "$work/log/VantrelWatchdog.log.sessions"
 sed -e "s|@BIN_DIR@|$here/bin|g" -e "s|@WORK_DIR@|$work|g" "$here/watchdog.conf.in" > "$work/watchdog.conf"
 echo "run.sh: working directory $work, log $work/log/VantrelWatchdog.log, control port 9000" >&2
 cd "$work"
