@@ -96,7 +96,15 @@ int watchdog_save_conf(instance* inst)
     // crash) sees either the old or the new file whole, never a part of one.
     std::string temp = std::string(path) + ".writing";
     FILE* f = fopen(temp.c_str(), "w");
-    if (!f) return save_failed(path, errno);
+    bool in_place = false;
+    if (!f) {
+        // Nothing can be created beside it (a read-only directory): the old
+        // way, move it aside if possible and write the file itself.
+        rename(path, backup);
+        f = fopen(path, "w");
+        if (!f) return save_failed(path, errno);
+        in_place = true;
+    }
     log_printf(LOG_INFO, "%s: updating config file [%s]", "watchdog_save_conf", path);
 
     write_conf(f, inst);
@@ -108,11 +116,12 @@ int watchdog_save_conf(instance* inst)
     }
     if (!written) {
         // A full disk must not cost the configuration that still stands.
-        unlink(temp.c_str());
+        if (!in_place) unlink(temp.c_str());
         log_printf(LOG_ERROR, "%s: failed to write [%s], r=%d (%s)", "watchdog_save_conf", path, err,
                    strerror(err));
         return -err;
     }
+    if (in_place) return 0;
 
     // The backup is a second name of the old file, so the option file never
     // goes missing in between; where no link can be made, a move does it.
