@@ -68,6 +68,72 @@ private:
     xmlrpc_value* value_ = nullptr;
 };
 
+// Owners for what xmlrpc_decompose_value hands out. When a decomposition of
+// several members fails, xmlrpc-c has already freed every string and released
+// every value it extracted, yet leaves the caller's pointers set: nothing is
+// owned until the decomposition has succeeded and decoded_adopt() is called.
+// Until then get() gives "" (or null), so a forgotten adopt shows at once.
+class decoded_text {
+public:
+    decoded_text() = default;
+    ~decoded_text() { drop(); }
+    decoded_text(const decoded_text&) = delete;
+    decoded_text& operator=(const decoded_text&) = delete;
+
+    const char** out()
+    {
+        drop();
+        return &text_;
+    }
+    void adopt() { owned_ = text_ != nullptr; }
+    const char* get() const { return owned_ ? text_ : ""; }
+
+private:
+    void drop()
+    {
+        if (owned_) free(const_cast<char*>(text_));
+        text_ = nullptr;
+        owned_ = false;
+    }
+
+    const char* text_ = nullptr;
+    bool owned_ = false;
+};
+
+class decoded_value {
+public:
+    decoded_value() = default;
+    ~decoded_value() { drop(); }
+    decoded_value(const decoded_value&) = delete;
+    decoded_value& operator=(const decoded_value&) = delete;
+
+    xmlrpc_value** out()
+    {
+        drop();
+        return &value_;
+    }
+    void adopt() { owned_ = value_ != nullptr; }
+    xmlrpc_value* get() const { return owned_ ? value_ : nullptr; }
+
+private:
+    void drop()
+    {
+        if (owned_) xmlrpc_DECREF(value_);
+        value_ = nullptr;
+        owned_ = false;
+    }
+
+    xmlrpc_value* value_ = nullptr;
+    bool owned_ = false;
+};
+
+// Takes over every output of a decomposition that succeeded.
+template <class... Owners>
+void decoded_adopt(Owners&... owners)
+{
+    (owners.adopt(), ...);
+}
+
 // Owns a string handed out by xmlrpc_decompose_value and friends.
 class xmlrpc_cstr {
 public:

@@ -3,7 +3,6 @@
 #include "app_types.h"
 #include "client/xmlrpc_raii.h"
 #include "ctl.h"
-#include "ctl_decoded.h"
 #include "ctl_methods.h"
 #include "ctl_reply.h"
 #include "instance.h"

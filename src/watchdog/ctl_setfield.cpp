@@ -8,7 +8,6 @@
 
 #include "client/xmlrpc_raii.h"
 #include "ctl.h"
-#include "ctl_decoded.h"
 #include "ctl_methods.h"
 #include "ctl_reply.h"
 #include "instance.h"
