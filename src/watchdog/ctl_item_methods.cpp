@@ -49,13 +49,14 @@ bool array_to_list(xmlrpc_env* env, const char* method, xmlrpc_value* array, bou
                        env->fault_code);
             return false;
         }
-        xmlrpc_cstr text;
+        decoded_text text;
         xmlrpc_decompose_value(env, item.get(), "s", text.out());
         if (env->fault_occurred) {
             log_printf(LOG_ERROR, "%s: xmlrpc_decompose_value failed: %s (%d)", method, env->fault_string,
                        env->fault_code);
             return false;
         }
+        decoded_adopt(text);
         if (*text.get() == '\0') ended = true;
         if (!ended) list.append(text.get());
     }

@@ -32,24 +32,19 @@ CTL_METHOD(GetStdXXXBuf)
     xmlrpc_int32 idx = 0;
     xmlrpc_int32 file_no = 0;
     xmlrpc_int64 off = 0;
-    // A failed decode frees the strings it handed out but leaves the pointers
-    // set, so ownership is taken only after success.
-    const char* ptr_raw = nullptr;
-    xmlrpc_cstr ptr;
-    xmlrpc_decompose_value(env, params, "(isIi)", &idx, &ptr_raw, &off, &file_no);
+    decoded_text ptr;
+    xmlrpc_decompose_value(env, params, "(isIi)", &idx, ptr.out(), &off, &file_no);
     if (env->fault_occurred) {
         // Older front ends send the offset as decimal text.
         xmlrpc_env_clean(env);
         xmlrpc_env_init(env);
-        const char* off_raw = nullptr;
-        ptr_raw = nullptr;
-        xmlrpc_decompose_value(env, params, "(issi)", &idx, &ptr_raw, &off_raw, &file_no);
+        decoded_text off_text;
+        xmlrpc_decompose_value(env, params, "(issi)", &idx, ptr.out(), off_text.out(), &file_no);
         if (env->fault_occurred) return ctl_decode_failed(__func__, "'idx', 'ptr', 'off', 'file_no'");
-        xmlrpc_cstr off_text;
-        *off_text.out() = off_raw;
+        decoded_adopt(off_text);
         off = strtoll(off_text.get(), nullptr, 10);
     }
-    *ptr.out() = ptr_raw;
+    decoded_adopt(ptr);
 
     instance_lock_guard hold(inst);
     int slot = ctl_app_resolve(inst, __func__, idx, ptr.get());
@@ -79,14 +74,10 @@ CTL_METHOD(GetAuth)
     // No lock: the secret is fixed once the options have been read.
     const instance* inst = static_cast<const instance*>(server_info);
 
-    const char* secret_raw = nullptr;
-    const char* session_raw = nullptr;
-    xmlrpc_decompose_value(env, params, "(ss)", &secret_raw, &session_raw);
+    decoded_text secret, session;
+    xmlrpc_decompose_value(env, params, "(ss)", secret.out(), session.out());
     if (env->fault_occurred) return ctl_decode_failed(__func__, "'secret', 'session'");
-    xmlrpc_cstr secret;
-    xmlrpc_cstr session;
-    *secret.out() = secret_raw;
-    *session.out() = session_raw;
+    decoded_adopt(secret, session);
 
     const char* token = watchdog_banner();
     bool accepted = inst->web_auth_secret.empty() ||

@@ -103,13 +103,14 @@ protected:
         int members = xmlrpc_struct_size(env.get(), reply.get());
         if (found) *found = members > 1;
         if (members == 1) return out;
-        xmlrpc_cstr p, id_name, alias, thumb, config, bin_path, numa_bind;
-        xmlrpc_value_ref raws, envs;
+        decoded_text p, id_name, alias, thumb, config, bin_path, numa_bind;
+        decoded_value raws, envs;
         xmlrpc_decompose_value(env.get(), reply.get(), "{s:s,s:i,s:s,s:s,s:s,s:s,s:s,s:s,s:A,s:A,*}", "ptr", p.out(),
                                "id", &out.id, "id_name", id_name.out(), "alias", alias.out(), "thumb", thumb.out(),
                                "config", config.out(), "bin_path", bin_path.out(), "numa_bind", numa_bind.out(),
                                "raws", raws.out(), "envs", envs.out());
         EXPECT_FALSE(env.failed()) << env.fault_string();
+        if (!env.failed()) decoded_adopt(p, id_name, alias, thumb, config, bin_path, numa_bind, raws, envs);
         out.ptr = p.get();
         out.id_name = id_name.get();
         out.alias = alias.get();
@@ -130,8 +131,9 @@ protected:
         for (int i = 0; i < size; i++) {
             xmlrpc_value_ref item;
             xmlrpc_array_read_item(env, array, i, item.out());
-            xmlrpc_cstr text;
+            decoded_text text;
             xmlrpc_read_string(env, item.get(), text.out());
+            if (!env->fault_occurred) decoded_adopt(text);
             out.emplace_back(text.get());
         }
         return out;

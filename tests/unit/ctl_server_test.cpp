@@ -84,8 +84,9 @@ std::string render(xmlrpc_value* v)
         return std::to_string(i) + "L";
     }
     case XMLRPC_TYPE_STRING: {
-        xmlrpc_cstr s;
+        decoded_text s;
         xmlrpc_read_string(env.get(), v, s.out());
+        if (!env.failed()) decoded_adopt(s);
         return std::string("'") + s.get() + "'";
     }
     case XMLRPC_TYPE_BASE64: {
