@@ -107,12 +107,13 @@ int fail_without_item(xmlrpc_env* env, xmlrpc_value* item)
 int vantrel_ft_target_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_ft_target* out)
 {
     if (fail_without_item(env, item) < 0) return VANTREL_EFAULT;
-    xmlrpc_cstr id, type, title, host, port, path, login, passw;
+    decoded_text id, type, title, host, port, path, login, passw;
     xmlrpc_decompose_value(env, item, "{s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s,*}", "id", id.out(),
                            "type", type.out(), "title", title.out(), "host", host.out(), "port",
                            port.out(), "path", path.out(), "login", login.out(), "passw",
                            passw.out());
     if (env->fault_occurred) return VANTREL_EFAULT;
+    decoded_adopt(id, type, title, host, port, path, login, passw);
     str_copy(out->id, id.get(), text_size);
     str_copy(out->type, type.get(), text_size);
     str_copy(out->title, title.get(), text_size);
@@ -129,13 +130,14 @@ int vantrel_ft_request_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_ft
     if (fail_without_item(env, item) < 0) return VANTREL_EFAULT;
     int id = 0, f_delete = 0, f_import = 0, progress = 0, state = 0;
     xmlrpc_int64 updated = 0, created = 0;
-    xmlrpc_cstr target, object_local, object_remote, error;
+    decoded_text target, object_local, object_remote, error;
     xmlrpc_decompose_value(env, item, "{s:i,s:s,s:i,s:i,s:s,s:s,s:i,s:i,s:s,s:I,s:I,*}", "id", &id,
                            "target", target.out(), "f_delete", &f_delete, "f_import", &f_import,
                            "object_local", object_local.out(), "object_remote",
                            object_remote.out(), "progress", &progress, "state", &state, "error",
                            error.out(), "updated", &updated, "created", &created);
     if (env->fault_occurred) return VANTREL_EFAULT;
+    decoded_adopt(target, object_local, object_remote, error);
     out->id = id;
     str_copy(out->target, target.get(), text_size);
     out->f_import = f_import;
@@ -155,19 +157,22 @@ int vantrel_ftc_request_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_f
     if (fail_without_item(env, item) < 0) return VANTREL_EFAULT;
     int id = 0, f_delete = 0, progress = 0, state = 0, audio_conf = 0;
     xmlrpc_int64 updated = 0, created = 0;
-    xmlrpc_cstr src_object, src_local, dst_object, dst_local, in, dur, factory, profile, error;
-    xmlrpc_cstr audio_map, timecode, osd;
+    decoded_text src_object, src_local, dst_object, dst_local, in, dur, factory, profile, error;
+    decoded_text audio_map, timecode, osd;
     xmlrpc_decompose_value(
         env, item, "{s:i,s:I,s:I,s:i,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:i,s:i,s:s,*}", "id", &id,
         "updated", &updated, "created", &created, "f_delete", &f_delete, "src_object",
         src_object.out(), "src_local", src_local.out(), "dst_object", dst_object.out(),
         "dst_local", dst_local.out(), "in", in.out(), "dur", dur.out(), "factory", factory.out(),
         "profile", profile.out(), "progress", &progress, "state", &state, "error", error.out());
-    if (!env->fault_occurred)
-        xmlrpc_decompose_value(env, item, "{s:s,s:i,s:s,s:s,*}", "audio_map", audio_map.out(),
-                               "audio_conf", &audio_conf, "timecode", timecode.out(), "osd",
-                               osd.out());
     if (env->fault_occurred) return VANTREL_EFAULT;
+    // Ours from here, whatever the second decomposition does.
+    decoded_adopt(src_object, src_local, dst_object, dst_local, in, dur, factory, profile, error);
+    xmlrpc_decompose_value(env, item, "{s:s,s:i,s:s,s:s,*}", "audio_map", audio_map.out(),
+                           "audio_conf", &audio_conf, "timecode", timecode.out(), "osd",
+                           osd.out());
+    if (env->fault_occurred) return VANTREL_EFAULT;
+    decoded_adopt(audio_map, timecode, osd);
     out->id = id;
     out->updated = updated;
     out->created = created;
@@ -243,7 +248,7 @@ struct remote_walk {
 int vantrel_filetransfer_list_iter(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int, int)
 {
     auto* walk = static_cast<remote_walk*>(ctx);
-    xmlrpc_cstr name;
+    decoded_text name;
     xmlrpc_decompose_value(env, item, "s", name.out());
     if (env->fault_occurred) {
         fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)",
@@ -251,6 +256,7 @@ int vantrel_filetransfer_list_iter(xmlrpc_env* env, xmlrpc_value* item, void* ct
         walk->failed = true;
         return VANTREL_EFAULT;
     }
+    decoded_adopt(name);
     char* copy = strdup(name.get());
     int count = copy ? vantrel_str_list_append(walk->list, copy) : VANTREL_ENOMEM;
     if (count < 0) {

@@ -76,39 +76,6 @@ int call_with(const char* fn, const char* url, const char* method, Decode&& deco
 // Releases an environment's fault so that it can be used again.
 void clear_fault(xmlrpc_env* env);
 
-// A string handed out by a decomposition. When a decomposition of several
-// members fails, xmlrpc-c has already freed what it extracted but leaves the
-// pointers set: such outputs must be forgotten, not freed (forget_all).
-class text_out {
-public:
-    text_out() = default;
-    ~text_out() { free(const_cast<char*>(text_)); }
-    text_out(const text_out&) = delete;
-    text_out& operator=(const text_out&) = delete;
-
-    const char** out() { return &text_; }
-    const char* get() const { return text_ ? text_ : ""; }
-    // Hands the heap string over to the caller.
-    char* take()
-    {
-        char* text = const_cast<char*>(text_);
-        text_ = nullptr;
-        return text;
-    }
-    void forget() { text_ = nullptr; }
-
-private:
-    const char* text_ = nullptr;
-};
-
-inline void forget(text_out& text) { text.forget(); }
-inline void forget(xmlrpc_value_ref& value) { value.release(); }
-template <typename... Outputs>
-void forget_all(Outputs&... outputs)
-{
-    (forget(outputs), ...);
-}
-
 // Request parts shared by the template functions. A negative count means the
 // array ends with a null pointer; null entries are skipped. Both return a new
 // value, or null with the fault in env.

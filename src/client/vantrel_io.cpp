@@ -235,7 +235,7 @@ int vantrel_getstatus_decode(xmlrpc_env* env, xmlrpc_value* answer, vantrel_stat
 {
     static const char* const fn = "vantrel_getstatus";
     int result = 0;
-    text_out name, cookie;
+    decoded_text name, cookie;
     if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
     if (!env->fault_occurred) {
         xmlrpc_decompose_value(env, answer, "{s:i,s:i,s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i,*}",
@@ -244,7 +244,8 @@ int vantrel_getstatus_decode(xmlrpc_env* env, xmlrpc_value* answer, vantrel_stat
                                &st->clip_length, "clip_in", &st->clip_in, "clip_dur",
                                &st->clip_dur, "clip_pos", &st->clip_pos, "clip_start",
                                &st->clip_start, "clip_idx", &st->clip_idx);
-        if (env->fault_occurred) forget_all(name, cookie);
+        // Ours from here, whatever the second decomposition does.
+        if (!env->fault_occurred) decoded_adopt(name, cookie);
     }
     if (!env->fault_occurred)
         xmlrpc_decompose_value(env, answer, "{s:i,s:i,s:i,s:i,s:d,s:i,s:i,s:i,*}", "playlist_gen",
@@ -294,17 +295,17 @@ int playlist_items_iter(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int i
         return VANTREL_EFAULT;
     }
     vantrel_playlist_item* item = &(*items)[index];
-    text_out name, cookie;
+    decoded_text name, cookie;
     xmlrpc_decompose_value(env, element, "{s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i,*}", "name",
                            name.out(), "cookie", cookie.out(), "length", &item->length, "in",
                            &item->in, "dur", &item->dur, "pos", &item->pos, "start", &item->start,
                            "idx", &item->idx, "repeat", &item->repeat);
     if (env->fault_occurred) {
-        forget_all(name, cookie);
         fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
                 env->fault_code);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(name, cookie);
     str_copy(item->name, name.get(), sizeof item->name);
     str_copy(item->cookie, cookie.get(), sizeof item->cookie);
     return index + 1;

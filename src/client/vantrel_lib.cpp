@@ -275,9 +275,10 @@ int vantrel_lib_list_dirs_decode(xmlrpc_env* env, xmlrpc_value* answer, const ch
                                  vantrel_lib_dir*** list)
 {
     auto decode_one = [env](xmlrpc_value* element, vantrel_lib_dir** record) {
-        xmlrpc_cstr name;
+        decoded_text name;
         xmlrpc_decompose_value(env, element, "{s:s,*}", "name", name.out());
         if (env->fault_occurred) return VANTREL_EFAULT;
+        decoded_adopt(name);
         vantrel_lib_dir* entry = new_record<vantrel_lib_dir>();
         if (!entry) return VANTREL_ENOMEM;
         str_copy(entry->name, name.get(), text_size);
@@ -347,13 +348,14 @@ int vantrel_lib_search_decode(xmlrpc_env* env, xmlrpc_value* answer, const char*
             fprintf(stderr, "%s: %s return %d\n", fn, method, result);
         return result;
     }
-    xmlrpc_cstr text;
+    decoded_text text;
     if (!env->fault_occurred) xmlrpc_decompose_value(env, answer, "{s:s,*}", "item", text.out());
     if (env->fault_occurred) {
         fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]\n", fn, fault_text(env),
                 env->fault_code, vantrel::source_path, __LINE__);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(text);
     if (item) str_copy(item, text.get(), text_size);
     return result;
 }
@@ -391,7 +393,7 @@ int vantrel_lib_list_subclips_decode(xmlrpc_env* env, xmlrpc_value* answer,
         }
         int mark_in = 0;
         int duration = 0;
-        xmlrpc_cstr title;
+        decoded_text title;
         xmlrpc_decompose_value(env, element.get(), "{s:i,s:i,s:s,*}", "mark_in", &mark_in,
                                "duration", &duration, "title", title.out());
         if (env->fault_occurred) {
@@ -399,6 +401,7 @@ int vantrel_lib_list_subclips_decode(xmlrpc_env* env, xmlrpc_value* answer,
                     env->fault_code);
             break;
         }
+        decoded_adopt(title);
         vantrel_lib_subclip* clip = new_record<vantrel_lib_subclip>();
         if (!clip || !records.push(clip)) return VANTREL_ENOMEM;
         clip->idx = i;
@@ -473,12 +476,13 @@ int vantrel_lib_list_overlays_level(xmlrpc_env* env, xmlrpc_value* array, int le
         std::unique_ptr<vantrel_lib_overlay, decltype(&overlay_free)> entry(
             new_record<vantrel_lib_overlay>(), &overlay_free);
         if (!entry) return VANTREL_ENOMEM;
-        xmlrpc_cstr path;
+        decoded_text path;
         if (level == 0) {
-            xmlrpc_value_ref leaves;
+            decoded_value leaves;
             xmlrpc_decompose_value(env, element.get(), "{s:s,s:A,*}", "path", path.out(), "list",
                                    leaves.out());
             if (!env->fault_occurred) {
+                decoded_adopt(path, leaves);
                 str_copy(entry->path, path.get(), text_size);
                 // Leaves hold no further level, so the tree is two deep at most.
                 int leaf_count = vantrel_lib_list_overlays_level(env, leaves.get(), 1,
@@ -487,11 +491,12 @@ int vantrel_lib_list_overlays_level(xmlrpc_env* env, xmlrpc_value* array, int le
                 entry->count = leaf_count;
             }
         } else {
-            xmlrpc_cstr name;
+            decoded_text name;
             xmlrpc_int64 bytes = 0;
             xmlrpc_decompose_value(env, element.get(), "{s:s,s:s,s:I,*}", "name", name.out(),
                                    "path", path.out(), "size", &bytes);
             if (!env->fault_occurred) {
+                decoded_adopt(name, path);
                 str_copy(entry->name, name.get(), text_size);
                 str_copy(entry->path, path.get(), text_size);
                 entry->count = bytes;
@@ -562,12 +567,13 @@ int vantrel_lib_state_iters(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int 
         xmlrpc_env_set_fault(env, XMLRPC_INDEX_ERROR, "amendment index out of range");
         return VANTREL_EFAULT;
     }
-    xmlrpc_cstr text;
+    decoded_text text;
     xmlrpc_decompose_value(env, item, "(s)", text.out());
     if (env->fault_occurred) {
         walk->failed = true;
         return VANTREL_EFAULT;
     }
+    decoded_adopt(text);
     str_copy(walk->usage->amend_list[index], text.get(), text_size);
     return 0;
 }
@@ -671,8 +677,8 @@ int vantrel_basename_item_decode(xmlrpc_env* env, xmlrpc_value* answer, char* va
 {
     if (shm_id) *shm_id = -1;
     int result = 0;
-    xmlrpc_cstr value_text;
-    xmlrpc_cstr object_text;
+    decoded_text value_text;
+    decoded_text object_text;
     xmlrpc_int64 shm = -1;
     if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
     else
@@ -685,6 +691,7 @@ int vantrel_basename_item_decode(xmlrpc_env* env, xmlrpc_value* answer, char* va
         if (object) object[0] = '\0';
         return VANTREL_EFAULT;
     }
+    decoded_adopt(value_text, object_text);
     if (value) str_copy(value, value_text.get(), text_size);
     if (object) str_copy(object, object_text.get(), text_size);
     if (shm_id) *shm_id = static_cast<int32_t>(shm);
@@ -695,7 +702,7 @@ int vantrel_lib_basename_overlay_decode(xmlrpc_env* env, xmlrpc_value* answer, c
 {
     if (value) value[0] = '\0';
     int result = 0;
-    xmlrpc_cstr text;
+    decoded_text text;
     if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
     else xmlrpc_decompose_value(env, answer, "{s:i,s:s,*}", "result", &result, "value", text.out());
     if (env->fault_occurred) {
@@ -703,6 +710,7 @@ int vantrel_lib_basename_overlay_decode(xmlrpc_env* env, xmlrpc_value* answer, c
                 fault_text(env), env->fault_code);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(text);
     if (value) str_copy(value, text.get(), text_size);
     return result;
 }

@@ -97,9 +97,12 @@ void take_optional(xmlrpc_env* env, xmlrpc_value* item, const char* key, int32_t
             xmlrpc_decompose_value(env, found, "i", &value);
             if (!env->fault_occurred) *number = value;
         } else {
-            xmlrpc_cstr value;
+            decoded_text value;
             xmlrpc_decompose_value(env, found, "s", value.out());
-            if (!env->fault_occurred) str_copy(text, value.get(), text_size);
+            if (!env->fault_occurred) {
+                decoded_adopt(value);
+                str_copy(text, value.get(), text_size);
+            }
         }
     }
     if (env->fault_occurred) {
@@ -121,7 +124,7 @@ int vantrel_sched_item_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_sc
     vantrel_sched_item* r = record.get();
     int duration = 0, tc = 0, id = 0, enabled = 0;
     xmlrpc_int64 min = 0, hour = 0, day = 0, weekday = 0, month = 0, year = 0, calc = 0;
-    xmlrpc_cstr path, title, mode, enc;
+    decoded_text path, title, mode, enc;
     if (!item) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no item value");
     else
         xmlrpc_decompose_value(
@@ -134,6 +137,7 @@ int vantrel_sched_item_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_sc
                 env->fault_code);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(path, title, mode, enc);
     r->duration = duration;
     r->tc = tc;
     r->id = id;
@@ -165,7 +169,7 @@ int vantrel_sched_log_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_sch
     if (!record) return VANTREL_ENOMEM;
     int duration = 0, tc = 0, status = 0, start_time = 0;
     xmlrpc_int64 start = 0, calc = 0;
-    xmlrpc_cstr origin, mode, enc, transfer, prefix;
+    decoded_text origin, mode, enc, transfer, prefix;
     if (!item) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no item value");
     else
         xmlrpc_decompose_value(env, item, "{s:i,s:i,s:i,s:s,s:I,s:I,s:s,s:s,s:i,s:s,s:s,*}",
@@ -178,6 +182,7 @@ int vantrel_sched_log_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_sch
                 env->fault_code);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(origin, mode, enc, transfer, prefix);
     vantrel_sched_log* r = record.get();
     r->start = start;
     r->calc = calc;
@@ -243,12 +248,13 @@ int vantrel_sched_get_state_decode(xmlrpc_env* env, xmlrpc_value* answer,
     if (!state) return VANTREL_EINVAL;
     memset(state, 0, sizeof(*state));
     int result = 0;
-    xmlrpc_value_ref now;
+    decoded_value now;
     if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
     else xmlrpc_decompose_value(env, answer, "{s:i,s:S,*}", "result", &result, "state", now.out());
     if (!env->fault_occurred) {
+        decoded_adopt(now);
         state->state = result;
-        xmlrpc_cstr s_now, s_first, s_second;
+        decoded_text s_now, s_first, s_second;
         xmlrpc_int64 t_now = 0, t_first = 0, t_second = 0;
         if (result != 0) {
             int status = 0, duration = 0;
@@ -257,6 +263,7 @@ int vantrel_sched_get_state_decode(xmlrpc_env* env, xmlrpc_value* answer,
                                    &t_now, "s_start", s_first.out(), "t_start", &t_first, "s_end",
                                    s_second.out(), "t_end", &t_second);
             if (!env->fault_occurred) {
+                decoded_adopt(s_now, s_first, s_second);
                 state->status = status;
                 state->duration = duration;
                 state->t_start = t_first;
@@ -268,6 +275,7 @@ int vantrel_sched_get_state_decode(xmlrpc_env* env, xmlrpc_value* answer,
             xmlrpc_decompose_value(env, now.get(), "{s:s,s:I,s:s,s:I,*}", "s_now", s_now.out(),
                                    "t_now", &t_now, "s_next", s_first.out(), "t_next", &t_first);
             if (!env->fault_occurred) {
+                decoded_adopt(s_now, s_first);
                 state->t_next = t_first;
                 str_copy(state->s_next, s_first.get(), text_size);
             }

@@ -79,13 +79,11 @@ int tmpl_get_layers(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
 
 int tmpl_fonts_items(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
 {
-    text_out family, style;
+    decoded_text family, style;
     xmlrpc_decompose_value(env, element, "{s:s,s:s,*}", "family", family.out(), "style",
                            style.out());
-    if (env->fault_occurred) {
-        forget_all(family, style);
-        return VANTREL_EFAULT;
-    }
+    if (env->fault_occurred) return VANTREL_EFAULT;
+    decoded_adopt(family, style);
     std::size_t size = strlen(family.get()) + strlen(style.get()) + 10;
     char* font = static_cast<char*>(calloc(size, 1));
     int count = VANTREL_ENOMEM;
@@ -141,15 +139,15 @@ bool read_mode_lists(xmlrpc_env* env, const char* fn, vantrel_io_mode* mode, xml
             return false;
         }
         int idx = 0;
-        text_out desc, name;
+        decoded_text desc, name;
         xmlrpc_decompose_value(env, element.get(), "{s:i,s:s,s:s,*}", "idx", &idx, "desc",
                                desc.out(), "name", name.out());
         if (env->fault_occurred) {
-            forget_all(desc, name);
             fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
                     env->fault_code);
             return false;
         }
+        decoded_adopt(desc, name);
         auto* sub = static_cast<vantrel_io_submode*>(calloc(1, sizeof(vantrel_io_submode)));
         auto* grown = static_cast<vantrel_io_submode**>(
             realloc(mode->submodes, (static_cast<std::size_t>(mode->submodes_cnt) + 1) *
@@ -344,13 +342,14 @@ int vantrel_lib_build_template_decode(xmlrpc_env* env, xmlrpc_value* answer, cha
                 result, errno_text(result));
         return result;
     }
-    text_out text;
+    decoded_text text;
     if (!env->fault_occurred) xmlrpc_decompose_value(env, answer, "{s:s,*}", "value", text.out());
     if (env->fault_occurred) {
         fprintf(stderr, "%s:%d: xmlrpc_decompose_value failed: %s (%d)\n", fn, __LINE__,
                 fault_text(env), env->fault_code);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(text);
     if (value) str_copy(value, text.get(), VANTREL_STR_SIZE);
     return result;
 }
@@ -417,15 +416,15 @@ int vantrel_io_settings_get_decode(xmlrpc_env* env, xmlrpc_value* answer,
                     env->fault_code);
             return VANTREL_EFAULT;
         }
-        text_out name, value;
+        decoded_text name, value;
         xmlrpc_decompose_value(env, element.get(), "{s:s,s:s,*}", "name", name.out(), "value",
                                value.out());
         if (env->fault_occurred) {
-            forget_all(name, value);
             fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
                     env->fault_code);
             return result;
         }
+        decoded_adopt(name, value);
         if (settings) apply_setting(settings, name.get(), value.get());
     }
     return 0;
@@ -471,19 +470,19 @@ int vantrel_io_settings_get_modes_decode(xmlrpc_env* env, xmlrpc_value* answer,
             failed = true;
             break;
         }
-        text_out desc, name;
-        xmlrpc_value_ref subs, osds;
+        decoded_text desc, name;
+        decoded_value subs, osds;
         xmlrpc_decompose_value(env, element.get(), "{s:i,s:s,s:s,s:A,s:A,*}", "idx", &mode->idx,
                                "desc", desc.out(), "name", name.out(), "list", subs.out(), "osds",
                                osds.out());
         if (env->fault_occurred) {
-            forget_all(desc, name, subs, osds);
             fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
                     env->fault_code);
             free_mode(mode);
             failed = true;
             break;
         }
+        decoded_adopt(desc, name, subs, osds);
         str_copy(mode->name, name.get(), sizeof mode->name);
         str_copy(mode->desc, desc.get(), sizeof mode->desc);
         auto* grown = static_cast<vantrel_io_mode**>(

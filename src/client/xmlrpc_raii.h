@@ -133,17 +133,3 @@ void decoded_adopt(Owners&... owners)
 {
     (owners.adopt(), ...);
 }
-
-// Owns a string handed out by xmlrpc_decompose_value and friends.
-class xmlrpc_cstr {
-public:
-    xmlrpc_cstr() = default;
-    ~xmlrpc_cstr() { free(const_cast<char*>(text_)); }
-    xmlrpc_cstr(const xmlrpc_cstr&) = delete;
-    xmlrpc_cstr& operator=(const xmlrpc_cstr&) = delete;
-    const char** out() { free(const_cast<char*>(text_)); text_ = nullptr; return &text_; }
-    const char* get() const { return text_ ? text_ : ""; }
-
-private:
-    const char* text_ = nullptr;
-};

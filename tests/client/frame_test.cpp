@@ -102,9 +102,10 @@ struct walk_log {
 int record_name(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int index, int count)
 {
     auto* log = static_cast<walk_log*>(ctx);
-    xmlrpc_cstr name;
+    decoded_text name;
     xmlrpc_decompose_value(env, item, "{s:s,*}", "name", name.out());
     if (env->fault_occurred) return -14;
+    decoded_adopt(name);
     log->index_and_count.emplace_back(index, count);
     log->names.emplace_back(name.get());
     return index + 1;

@@ -174,9 +174,11 @@ void free_list(T** list)
 
 int count_names(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int, int)
 {
-    xmlrpc_cstr name;
+    decoded_text name;
     xmlrpc_decompose_value(env, item, "{s:s,*}", "name", name.out());
-    if (!env->fault_occurred) ++*static_cast<int*>(ctx);
+    if (env->fault_occurred) return 0;
+    decoded_adopt(name);
+    ++*static_cast<int*>(ctx);
     return 0;
 }
 
