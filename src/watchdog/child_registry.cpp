@@ -33,7 +33,10 @@ pid_t child_registry_fork()
 void child_registry_release(pid_t pid)
 {
     pthread_mutex_lock(&registry_lock);
-    owned_pids.erase(std::remove(owned_pids.begin(), owned_pids.end(), pid), owned_pids.end());
+    // Only the oldest registration goes: once a forker has collected its child,
+    // the pid may already belong to a newer child whose forker still waits.
+    auto it = std::find(owned_pids.begin(), owned_pids.end(), pid);
+    if (it != owned_pids.end()) owned_pids.erase(it);
     pthread_mutex_unlock(&registry_lock);
 }
 

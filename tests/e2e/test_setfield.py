@@ -7,9 +7,10 @@ application; the unit tests cover them with a recording runner."""
 
 import glob
 import os
+import re
 import unittest
 
-from watchdog_harness import BIN, Watchdog, pid_alive, wait_until
+from watchdog_harness import BIN, LINE_RE, Watchdog, pid_alive, wait_until
 
 ERANGE = -34
 ENOENT = -2
@@ -179,6 +180,61 @@ class RunAndTerminate(SetFieldCase):
         # Once it has ended, its launch thread is joined and the slot goes.
         self.assertEqual(set_field(self.rpc, idx, "", "t_del"), 0)
         self.assertEqual(aliases(self.rpc), ["A", "B", "C"])
+
+    def test_one_launch_logs_its_steps_in_order(self):
+        """Operators follow a launch by these lines: texts, marks and order per thread."""
+        self.wd.add_script("VantrelElementsMatrix", "exit 3\n")
+        ret = self.rpc.VantrelWatchdog.SetItem(-1, "", "elem_matrix", "Quick", "", "/cfg/q", self.wd.bin_dir,
+                                               "", [], ["PATH=/usr/bin:/bin"])
+        self.assertEqual(ret, {"ret": 0})
+        idx = len(entries(self.rpc)) - 1
+        ptr = entries(self.rpc)[idx]["ptr"]
+        self.assertEqual(set_field(self.rpc, idx, "", "t_run"), 0)
+        self.wd.wait_log(r"WIFEXITED=\[1\], WEXITSTATUS=\[3\]")
+        self.assertEqual(self.wd.stop(), 0)
+
+        lines = []
+        for line in self.wd.log().splitlines():
+            m = LINE_RE.match(line)
+            if m:
+                lines.append((line[0], m.group(1)))
+        run = "watchdog_respawner_run: "
+        proc = "watchdog_respawner_run_proc: "
+        supervision = [l for l in lines if l[1].startswith(run)]
+        forker = [l for l in lines if l[1].startswith(proc) and "envp[" not in l[1]]
+        envp = [l[1] for l in lines if l[1].startswith(proc + "envp[")]
+        pid = int(re.search(r"fork done, pid=\[(\d+)\]", self.wd.log()).group(1))
+
+        self.assertEqual(supervision, [(" ", run + "starting forker thread"),
+                                       (" ", run + "waiting for forker result"),
+                                       (" ", run + "forker's pid=%d" % pid)])
+        self.assertEqual(forker, [
+            (" ", proc + "starting: type={elem_matrix}, sys_id={%s}" % ptr),
+            (" ", proc + "executable=[%s/VantrelElementsMatrix]" % self.wd.bin_dir),
+            (" ", proc + "config=[/cfg/q]"),
+            (" ", proc + "argv[0]=[Quick]"),
+            (" ", proc + "argv[1]=[--nodemonize]"),
+            (" ", proc + "argv[2]=[/cfg/q]"),
+            (" ", proc + "fork done, pid=[%d]" % pid),
+            (" ", proc + "waitpid(%d)" % pid),
+            ("!", proc + "waitpid(%d)=%d" % (pid, pid)),
+            (" ", proc + "pid=%d, type={elem_matrix}, sys_id={%s}" % (pid, ptr)),
+            (" ", proc + "pid=%d, WIFEXITED=[1], WEXITSTATUS=[3], WIFSIGNALED=[0], WIFSTOPPED=[0]" % pid),
+        ])
+        # The application's own entry first; variables taken over from our
+        # environment may follow it.
+        self.assertEqual(envp[0], proc + "envp[0]=[PATH=/usr/bin:/bin]")
+        self.assertEqual(envp, [proc + "envp[%d]=[%s]" % (i, e.split("=[", 1)[1][:-1]) for i, e in enumerate(envp)])
+
+        # Across the threads: the request comes first, the environment is logged
+        # before the fork, and the pid is reported only after the fork.
+        order = [l[1] for l in lines]
+        self.assertLess(order.index("ctl_method_SetField: marking to start"), order.index(supervision[0][1]))
+        self.assertLess(order.index(envp[-1]), order.index(proc + "fork done, pid=[%d]" % pid))
+        self.assertLess(order.index(proc + "fork done, pid=[%d]" % pid), order.index(supervision[2][1]))
+        self.assertIn(("!", "ctl_method_SetField: marking to start"), lines)
+        # The end: the supervision thread leaves before the last line.
+        self.assertEqual(order[-2:], ["watchdog_respawner_proc: exiting", "Bye!"])
 
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
