@@ -1,9 +1,130 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test.
-set -euo pipefail
+# Sets everything up and runs every test, four times over:
+#   1. the normal build (build/) and the whole suite;
+#   2. the whole suite again built with AddressSanitizer + UBSan (build-asan/);
+#   3. the whole suite again built with ThreadSanitizer (build-tsan/);
+#   4. every fuzz target for a bounded time (build-fuzz/, tests/fuzz/run_fuzzers.sh).
+# Sanitizer reports of every process, the supervisor under the end-to-end tests
+# included, go to files under build-*/sanitizer-reports/; any report fails its pass.
+#
+#   SKIP_SANITIZERS=1  only the normal suite and the fuzzers
+#   SKIP_FUZZ=1        no fuzzers
+#   FUZZ_SECONDS=N     per fuzz target (default 30)
+#   BUILD_ROOT=DIR     where the build directories go (default: the checkout)
+#
+# The last line is the sum over all passes: "total: N passed, N failed".
+set -uo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+root=$(pwd)
+bash scripts/setup.sh || { echo "total: 0 passed, 1 failed"; exit 1; }
 jobs=$(nproc)
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j"$jobs"
-ctest --test-dir build --output-on-failure -j"$jobs"
+out=${BUILD_ROOT:-$root}
+t_start=$(date +%s)
+
+total_passed=0
+total_failed=0
+report=()
+
+# Adds one ctest run's counts ("NN% tests passed, F tests failed out of T").
+count_ctest() {
+  local name=$1 log=$2 line t f
+  line=$(grep -E "tests passed, [0-9]+ tests? failed out of [0-9]+" "$log" | tail -1)
+  if [ -z "$line" ]; then
+    total_failed=$((total_failed + 1))
+    report+=("$name: no test summary (build or ctest failed)")
+    return
+  fi
+  f=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
+  t=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/' <<<"$line")
+  total_passed=$((total_passed + t - f))
+  total_failed=$((total_failed + f))
+  report+=("$name: $((t - f)) passed, $f failed")
+}
+
+# Sanitizer reports left by any process of a pass count as one failure each.
+count_reports() {
+  local name=$1 dir=$2 n
+  n=$(find "$dir" -type f 2>/dev/null | wc -l)
+  if [ "$n" -gt 0 ]; then
+    echo "== $name: $n sanitizer report(s):"
+    for f in "$dir"/*; do echo "--- $f"; head -60 "$f"; done
+    total_failed=$((total_failed + n))
+    report+=("$name: $n sanitizer report(s) in $dir")
+  fi
+}
+
+# One pass: configure, build everything, run the whole suite.
+run_pass() {
+  local name=$1 dir=$2 exclude=$3
+  shift 3
+  local log="$dir/test-pass.log"
+  local t0
+  t0=$(date +%s)
+  mkdir -p "$dir"
+  echo "== $name: configure and build in $dir"
+  if ! cmake -S . -B "$dir" "$@" >"$dir/configure.log" 2>&1; then
+    tail -30 "$dir/configure.log"
+    total_failed=$((total_failed + 1)); report+=("$name: configure failed"); return
+  fi
+  if ! cmake --build "$dir" -j"$jobs" >"$dir/build.log" 2>&1; then
+    grep -E "error|Error" "$dir/build.log" | head -40
+    total_failed=$((total_failed + 1)); report+=("$name: build failed"); return
+  fi
+  echo "== $name: ctest"
+  local args=(--test-dir "$dir" --output-on-failure -j"$jobs")
+  [ -n "$exclude" ] && args+=(-E "$exclude")
+  ctest "${args[@]}" 2>&1 | tee "$log"
+  count_ctest "$name" "$log"
+  echo "== $name: $(( $(date +%s) - t0 )) s"
+}
+
+# 1. The normal build.
+run_pass normal "$out/build" "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+if [ -z "${SKIP_SANITIZERS:-}" ]; then
+  # Tests that cannot work under a sanitizer, and why, are listed in
+  # tests/sanitizer/exclude-*.txt (one ctest name pattern per line after the reason).
+  exclude_of() { grep -vE '^\s*(#|$)' "$1" | paste -sd'|' -; }
+
+  # 2. Address + undefined behaviour. Leak checking is on: the suppressions
+  # file names each leak that belongs to a library and says why.
+  reports="$out/build-asan/sanitizer-reports"
+  rm -rf "$reports"; mkdir -p "$reports"
+  export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:log_path=$reports/asan"
+  export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan"
+  export LSAN_OPTIONS="suppressions=$root/tests/sanitizer/lsan.supp:print_suppressions=0"
+  run_pass asan "$out/build-asan" "$(exclude_of tests/sanitizer/exclude-asan.txt)" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTREL_ASAN=ON
+  unset ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS
+  count_reports asan "$reports"
+
+  # 3. Threads.
+  reports="$out/build-tsan/sanitizer-reports"
+  rm -rf "$reports"; mkdir -p "$reports"
+  export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:log_path=$reports/tsan:suppressions=$root/tests/sanitizer/tsan.supp"
+  run_pass tsan "$out/build-tsan" "$(exclude_of tests/sanitizer/exclude-tsan.txt)" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTREL_TSAN=ON
+  unset TSAN_OPTIONS
+  count_reports tsan "$reports"
+fi
+
+# 4. Fuzzers, each for FUZZ_SECONDS (default 30).
+if [ -z "${SKIP_FUZZ:-}" ]; then
+  fuzz_log="$out/build-fuzz-run.log"
+  FUZZ_BUILD_DIR="$out/build-fuzz" bash tests/fuzz/run_fuzzers.sh 2>&1 | tee "$fuzz_log"
+  line=$(grep -E "^fuzz: [0-9]+ passed, [0-9]+ failed" "$fuzz_log" | tail -1)
+  if [ -n "$line" ]; then
+    p=$(sed -E 's/fuzz: ([0-9]+) passed, ([0-9]+) failed/\1/' <<<"$line")
+    f=$(sed -E 's/fuzz: ([0-9]+) passed, ([0-9]+) failed/\2/' <<<"$line")
+    total_passed=$((total_passed + p)); total_failed=$((total_failed + f))
+    report+=("fuzz: $p passed, $f failed")
+  else
+    total_failed=$((total_failed + 1)); report+=("fuzz: no summary")
+  fi
+fi
+
+echo
+echo "== summary ($(( $(date +%s) - t_start )) s)"
+for r in "${report[@]}"; do echo "   $r"; done
+echo "total: $total_passed passed, $total_failed failed"
+[ "$total_failed" -eq 0 ]
