@@ -12,6 +12,7 @@
 #include <xmlrpc-c/client_global.h>
 
 #include "vantrel_internal.h"
+#include "xmlrpc_fault_guard.h"
 
 namespace vantrel {
 
@@ -42,42 +43,23 @@ void clear_fault(xmlrpc_env* env)
     xmlrpc_env_init(env);
 }
 
-namespace {
-
-xmlrpc_value* call_and_report(xmlrpc_env* env, const char* fn, const char* url,
-                              const char* method, const char* format, va_list args)
+xmlrpc_value* call_va(xmlrpc_env* env, const char* url, const char* method, const char* format,
+                      va_list args)
 {
-    xmlrpc_value_ref params;
     if (!url || !method) {
         // The C library would dereference them; report like any other call failure.
         xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "no server URL or method name");
-    } else {
-        const char* tail = nullptr;
-        xmlrpc_build_value_va(env, format, args, params.out(), &tail);
-        if (!env->fault_occurred && xmlrpc_value_type(params.get()) != XMLRPC_TYPE_ARRAY)
-            xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "request is not a parameter list");
-    }
-    xmlrpc_value_ref answer;
-    if (!env->fault_occurred) {
-        // On a fault the library leaves its result undefined: keep it only on success.
-        xmlrpc_value* result = xmlrpc_client_call_params(env, url, method, params.get());
-        if (!env->fault_occurred) answer.reset(result);
-    }
-    if (env->fault_occurred) {
-        if (fn)
-            fprintf(stderr, "%s: xmlrpc_client_callX(%s, %s) failed: %s (%d)", fn,
-                    url ? url : "", method ? method : "", fault_text(env), env->fault_code);
         return nullptr;
     }
-    return answer.release();
-}
-
-}  // namespace
-
-xmlrpc_value* call_va(xmlrpc_env* env, const char* fn, const char* url, const char* method,
-                      const char* format, va_list args)
-{
-    return call_and_report(env, fn ? fn : "", url, method, format, args);
+    xmlrpc_value_ref params;
+    const char* tail = nullptr;
+    xmlrpc_build_value_va(env, format, args, params.out(), &tail);
+    if (!env->fault_occurred && xmlrpc_value_type(params.get()) != XMLRPC_TYPE_ARRAY)
+        xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "request is not a parameter list");
+    if (env->fault_occurred) return nullptr;
+    xmlrpc_value* answer = xmlrpc_client_call_params(env, url, method, params.get());
+    // On a fault the library leaves its result undefined: keep it only on success.
+    return env->fault_occurred ? nullptr : answer;
 }
 
 xmlrpc_value* call_unreported(xmlrpc_env* env, const char* url, const char* method,
@@ -85,25 +67,36 @@ xmlrpc_value* call_unreported(xmlrpc_env* env, const char* url, const char* meth
 {
     va_list args;
     va_start(args, format);
-    xmlrpc_value* answer = call_and_report(env, nullptr, url, method, format, args);
+    xmlrpc_value* answer = call_va(env, url, method, format, args);
     va_end(args);
     return answer;
 }
 
-xmlrpc_value* call(xmlrpc_env* env, const char* fn, const char* url, const char* method,
-                   const char* format, ...)
+void report_call_failed(const xmlrpc_env* env, const char* fn, const char* url,
+                        const char* method)
 {
+    fprintf(stderr, "%s: xmlrpc_client_callX(%s, %s) failed: %s (%d)", or_empty(fn),
+            or_empty(url), or_empty(method), fault_text(env), env->fault_code);
+}
+
+int std_call(const char* fn, const char* url, const char* method, const char* format, ...)
+{
+    auto report = [&](const xmlrpc_env* env) { report_call_failed(env, fn, url, method); };
+    auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
+        return decode_result(env, fn, method, answer);
+    };
     va_list args;
     va_start(args, format);
-    xmlrpc_value* answer = call_va(env, fn, url, method, format, args);
+    int result = call_then_va(report, decode, url, method, format, args);
     va_end(args);
-    return answer;
+    return result;
 }
 
 int decode_result(xmlrpc_env* env, const char* fn, const char* method, xmlrpc_value* answer)
 {
     int result = 0;
-    xmlrpc_decompose_value(env, answer, "{s:i,*}", "result", &result);
+    if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
+    else xmlrpc_decompose_value(env, answer, "{s:i,*}", "result", &result);
     if (env->fault_occurred) {
         fprintf(stderr, "%s: %s, decompose value failed: %s (%d) [%s:%d]\n", fn, method,
                 fault_text(env), env->fault_code, source_path, __LINE__);
@@ -112,15 +105,81 @@ int decode_result(xmlrpc_env* env, const char* fn, const char* method, xmlrpc_va
     return result;
 }
 
-int std_call(const char* fn, const char* url, const char* method, const char* format, ...)
+int decode_result_plain(xmlrpc_env* env, const char* fn, xmlrpc_value* answer)
 {
-    xmlrpc_env_guard env;
-    va_list args;
-    va_start(args, format);
-    xmlrpc_value_ref answer(call_va(env.get(), fn, url, method, format, args));
-    va_end(args);
-    if (!answer) return VANTREL_EFAULT;
-    return decode_result(env.get(), fn, method, answer.get());
+    int result = 0;
+    if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
+    else xmlrpc_decompose_value(env, answer, "{s:i,*}", "result", &result);
+    if (env->fault_occurred) {
+        report_decompose_value_failed(env, fn);
+        return VANTREL_EFAULT;
+    }
+    return result;
+}
+
+int result_and_item(xmlrpc_env* env, const char* fn, xmlrpc_value* answer, decoded_value& item)
+{
+    int result = decode_result_plain(env, fn, answer);
+    if (env->fault_occurred || result != 0) return result;
+    xmlrpc_decompose_value(env, answer, "{s:S,*}", "item", item.out());
+    if (env->fault_occurred) {
+        report_decompose_value_failed(env, fn);
+        return VANTREL_EFAULT;
+    }
+    decoded_adopt(item);
+    return result;
+}
+
+void report_return(const char* fn, const char* method, int result)
+{
+    fprintf(stderr, "%s: %s return %d (%s)", fn, method, result, errno_text(result));
+}
+
+void report_decompose_failed(const xmlrpc_env* env, const char* fn)
+{
+    fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
+            env->fault_code);
+}
+
+void report_decompose_value_failed(const xmlrpc_env* env, const char* fn)
+{
+    fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env), env->fault_code);
+}
+
+int result_and_list(xmlrpc_env* env, const char* fn, const char* method, xmlrpc_value* answer,
+                    decoded_value& list, int* size, missing_list missing)
+{
+    int result = decode_result(env, fn, method, answer);
+    if (env->fault_occurred) return VANTREL_EFAULT;
+    if (result < 0) {
+        report_return(fn, method, result);
+        return result;
+    }
+    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", list.out());
+    if (env->fault_occurred && missing == missing_list::own_line) {
+        fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]", fn, fault_text(env),
+                env->fault_code, source_path, __LINE__);
+        return VANTREL_EFAULT;
+    }
+    // Without a list the size fails too, which is all such a listing reports.
+    if (!env->fault_occurred) decoded_adopt(list);
+    *size = array_size(env, fn, list.get());
+    return *size < 0 ? VANTREL_EFAULT : result;
+}
+
+int array_size(xmlrpc_env* env, const char* fn, xmlrpc_value* array)
+{
+    int size = 0;
+    if (!env->fault_occurred) {
+        if (!array) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no list value");
+        else size = xmlrpc_array_size(env, array);
+    }
+    if (env->fault_occurred) {
+        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
+                env->fault_code);
+        return VANTREL_EFAULT;
+    }
+    return size;
 }
 
 }  // namespace vantrel
@@ -129,6 +188,7 @@ using namespace vantrel;
 
 int vantrel_init(const char* app_name, const char* app_version)
 {
+    xmlrpc_fault_guard_install();
     int result = 0;
     {
         xmlrpc_env_guard env;
@@ -156,34 +216,50 @@ int vantrel_method_no_arg(const char* url, const char* method)
     return std_call("vantrel_method_no_arg", url, method, "()");
 }
 
-int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
-                      const char* key, vantrel_item_cb cb, void* ctx)
+namespace {
+
+// The walkers' lines name the caller and the walker ("%s/%s").
+bool entered_with_fault(const xmlrpc_env* env, const char* caller, const char* self)
 {
-    static const char* const self = "parse_custom_list";
-    if (!caller) caller = "";
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s/%s: xmlrpc_client_callX() failed: %s (%d)", caller, self,
-                fault_text(env), env->fault_code);
-        return VANTREL_EFAULT;
-    }
+    if (!env->fault_occurred) return false;
+    fprintf(stderr, "%s/%s: xmlrpc_client_callX() failed: %s (%d)", caller, self,
+            fault_text(env), env->fault_code);
+    return true;
+}
+
+// The array to walk: the answer's member `key`, or the answer itself without
+// a key. Returns its size, or -14 with the line written.
+int take_array(xmlrpc_env* env, const char* caller, const char* self, xmlrpc_value* answer,
+               const char* key, decoded_value& held, xmlrpc_value** array)
+{
+    *array = answer;
     if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-    xmlrpc_value_ref by_key;
-    xmlrpc_value* array = answer;
     if (!env->fault_occurred && key) {
-        xmlrpc_decompose_value(env, answer, "{s:A,*}", key, by_key.out());
-        array = by_key.get();
+        xmlrpc_decompose_value(env, answer, "{s:A,*}", key, held.out());
+        if (!env->fault_occurred) decoded_adopt(held);
+        *array = held.get();
     }
     if (env->fault_occurred) {
         fprintf(stderr, "%s/%s: decompose value failed: %s (%d) [%s:%d]\n", caller, self,
                 fault_text(env), env->fault_code, source_path, __LINE__);
         return VANTREL_EFAULT;
     }
-    int size = xmlrpc_array_size(env, array);
+    int size = xmlrpc_array_size(env, *array);
     if (env->fault_occurred) {
         fprintf(stderr, "%s/%s: xmlrpc_array_size failed: %s (%d) [%s:%d]\n", caller, self,
                 fault_text(env), env->fault_code, source_path, __LINE__);
         return VANTREL_EFAULT;
     }
+    return size;
+}
+
+// Hands every readable element to `cb` with the number handled so far as its
+// index. A failing element is reported, its fault cleared, and the walk goes
+// on: one bad element must not hide the rest of the list. Returns the number
+// of elements handled.
+int walk_elements(xmlrpc_env* env, const char* caller, const char* self, xmlrpc_value* array,
+                  int size, vantrel_item_cb cb, void* ctx)
+{
     int handled = 0;
     for (int i = 0; i < size; ++i) {
         xmlrpc_value_ref item;
@@ -192,7 +268,6 @@ int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
         if (env->fault_occurred) {
             fprintf(stderr, "%s/%s: xmlrpc_array_read_item failed: %s (%d)", caller, self,
                     fault_text(env), env->fault_code);
-            // One bad element must not hide the rest of the list.
             clear_fault(env);
             continue;
         }
@@ -201,17 +276,38 @@ int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
     return handled;
 }
 
+// Element of a simple list: an array holding one string, stored at `index`.
+int store_string(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int index, int)
+{
+    const char* text = nullptr;
+    xmlrpc_decompose_value(env, item, "(s)", &text);
+    if (env->fault_occurred) return VANTREL_EFAULT;
+    static_cast<char**>(ctx)[index] = const_cast<char*>(text);
+    return index + 1;
+}
+
+}  // namespace
+
+int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
+                      const char* key, vantrel_item_cb cb, void* ctx)
+{
+    static const char* const self = "parse_custom_list";
+    caller = or_empty(caller);
+    if (entered_with_fault(env, caller, self)) return VANTREL_EFAULT;
+    decoded_value held;
+    xmlrpc_value* array = nullptr;
+    int size = take_array(env, caller, self, answer, key, held, &array);
+    if (size < 0) return size;
+    return walk_elements(env, caller, self, array, size, cb, ctx);
+}
+
 int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
                                char*** out)
 {
     static const char* const self = "parse_simple_list_response";
-    if (!caller) caller = "";
+    caller = or_empty(caller);
     if (out) *out = nullptr;
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s/%s: xmlrpc_client_callX() failed: %s (%d)", caller, self,
-                fault_text(env), env->fault_code);
-        return VANTREL_EFAULT;
-    }
+    if (entered_with_fault(env, caller, self)) return VANTREL_EFAULT;
     xmlrpc_value_ref owned(answer);
     if (!out) return VANTREL_EINVAL;
     if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
@@ -224,40 +320,17 @@ int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value
         return VANTREL_EFAULT;
     }
     if (result < 0) {
-        fprintf(stderr, "%s/%s: return %d (%s)", caller, self, result, vantrel::errno_text(result));
+        fprintf(stderr, "%s/%s: return %d (%s)", caller, self, result, errno_text(result));
         return result;
     }
-    xmlrpc_value_ref list;
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", list.out());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s/%s: decompose value failed: %s (%d) [%s:%d]\n", caller, self,
-                fault_text(env), env->fault_code, source_path, __LINE__);
-        return VANTREL_EFAULT;
-    }
-    int size = xmlrpc_array_size(env, list.get());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s/%s: xmlrpc_array_size failed: %s (%d) [%s:%d]\n", caller, self,
-                fault_text(env), env->fault_code, source_path, __LINE__);
-        return VANTREL_EFAULT;
-    }
+    decoded_value list;
+    xmlrpc_value* array = nullptr;
+    int size = take_array(env, caller, self, answer, "list", list, &array);
+    if (size < 0) return size;
     char** strings = static_cast<char**>(calloc(static_cast<std::size_t>(size) + 1, sizeof(char*)));
     if (!strings) return VANTREL_ENOMEM;
     *out = strings;
-    int stored = 0;
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref item;
-        xmlrpc_array_read_item(env, list.get(), i, item.out());
-        const char* text = nullptr;
-        if (!env->fault_occurred) xmlrpc_decompose_value(env, item.get(), "(s)", &text);
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s/%s: xmlrpc_array_read_item failed: %s (%d)", caller, self,
-                    fault_text(env), env->fault_code);
-            clear_fault(env);
-            continue;
-        }
-        strings[stored++] = const_cast<char*>(text);
-    }
-    return stored;
+    return walk_elements(env, caller, self, array, size, store_string, strings);
 }
 
 char** vantrel_str_list_new(void)

@@ -7,13 +7,9 @@
 #include <cstring>
 
 #include "vantrel_decode_ft.h"
-#include "vantrel_family.h"
 #include "vantrel_internal.h"
 
-using vantrel::fault_text;
-using vantrel::or_empty;
-using vantrel::str_copy;
-using vantrel_records::errno_text;
+using namespace vantrel;
 
 namespace {
 
@@ -34,25 +30,6 @@ constexpr const char* m_ftc_requests_list = "VantrelFileTranscoder.RequestsList"
 
 constexpr std::size_t text_size = VANTREL_STR_SIZE;
 
-// Result step shared by the decoders; the server's negative result is
-// reported and passed through.
-bool take_result(xmlrpc_env* env, xmlrpc_value* answer, const char* fn, const char* method,
-                 int* result)
-{
-    if (!answer) {
-        xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-        *result = VANTREL_EFAULT;
-        return false;
-    }
-    *result = vantrel::decode_result(env, fn, method, answer);
-    if (env->fault_occurred) return false;
-    if (*result < 0) {
-        fprintf(stderr, "%s: %s return %d (%s)", fn, method, *result, errno_text(*result));
-        return false;
-    }
-    return true;
-}
-
 // Writes at most `capacity` records into the caller's array. A bad element
 // ends the walk with -14; records before it stay written, as the array is
 // the caller's and nothing was allocated for it.
@@ -60,39 +37,18 @@ template <typename T>
 int decode_records(xmlrpc_env* env, xmlrpc_value* answer, const char* fn, const char* method,
                    int capacity, T* records, int (*decompose)(xmlrpc_env*, xmlrpc_value*, T*))
 {
-    int result = 0;
-    if (!take_result(env, answer, fn, method, &result)) return result;
-    xmlrpc_value_ref array;
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", array.out());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]", fn, fault_text(env),
-                env->fault_code, vantrel::source_path, __LINE__);
-        return VANTREL_EFAULT;
-    }
-    int size = xmlrpc_array_size(env, array.get());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return VANTREL_EFAULT;
-    }
+    decoded_value array;
+    int size = 0;
+    int result = result_and_list(env, fn, method, answer, array, &size);
+    if (result < 0) return result;
     if (!records) capacity = 0;
-    int written = 0;
-    for (int i = 0; i < size && i < capacity; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, array.get(), i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return VANTREL_EFAULT;
-        }
-        if (decompose(env, element.get(), &records[i]) < 0) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return VANTREL_EFAULT;
-        }
-        ++written;
-    }
-    return written;
+    int count = size < capacity ? size : capacity;
+    int rc = for_each_element(env, fn, array.get(), count, [&](xmlrpc_value* element, int i) {
+        if (decompose(env, element, &records[i]) == 0) return 0;
+        report_decompose_failed(env, fn);
+        return VANTREL_EFAULT;
+    });
+    return rc < 0 ? rc : count;
 }
 
 int fail_without_item(xmlrpc_env* env, xmlrpc_value* item)
@@ -220,19 +176,23 @@ int vantrel_filetransfer_request_get_decode(xmlrpc_env* env, xmlrpc_value* answe
                                             vantrel_ft_request* request)
 {
     static const char* const fn = "vantrel_filetransfer_request_get";
-    int result = 0;
-    if (!take_result(env, answer, fn, m_ft_request_get, &result)) return result;
-    xmlrpc_value_ref item;
+    int result = decode_result(env, fn, m_ft_request_get, answer);
+    if (env->fault_occurred) return VANTREL_EFAULT;
+    if (result < 0) {
+        report_return(fn, m_ft_request_get, result);
+        return result;
+    }
+    decoded_value item;
     xmlrpc_decompose_value(env, answer, "{s:S,*}", "item", item.out());
     if (env->fault_occurred) {
         fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]", fn, fault_text(env),
-                env->fault_code, vantrel::source_path, __LINE__);
+                env->fault_code, source_path, __LINE__);
         return VANTREL_EFAULT;
     }
+    decoded_adopt(item);
     vantrel_ft_request scratch;
     if (vantrel_ft_request_decompose(env, item.get(), request ? request : &scratch) < 0) {
-        fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_decompose_failed(env, fn);
         return VANTREL_EFAULT;
     }
     return result;
@@ -288,11 +248,7 @@ int vantrel_filetransfer_list_decode(xmlrpc_env* env, xmlrpc_value* answer, char
         if (!*list) return VANTREL_ENOMEM;
     }
     const int before = vantrel_str_list_count(*list);
-    if (!answer) {
-        xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-        return VANTREL_EFAULT;
-    }
-    vantrel::decode_result(env, fn, m_ft_list, answer);
+    decode_result(env, fn, m_ft_list, answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
     remote_walk walk{list};
     int count = parse_custom_list(fn, env, answer, "list", vantrel_filetransfer_list_iter, &walk);
@@ -308,62 +264,62 @@ int vantrel_filetransfer_list_decode(xmlrpc_env* env, xmlrpc_value* answer, char
 
 int vantrel_filetransfer_request_del(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_filetransfer_request_del", url, m_ft_request_del, "(i)", id);
+    return std_call("vantrel_filetransfer_request_del", url, m_ft_request_del, "(i)", id);
 }
 
 int vantrel_filetransfer_request_cancel(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_filetransfer_request_cancel", url, m_ft_request_cancel,
-                             "(i)", id);
+    return std_call("vantrel_filetransfer_request_cancel", url, m_ft_request_cancel,
+                    "(i)", id);
 }
 
 int vantrel_filetransfer_request_restart(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_filetransfer_request_restart", url, m_ft_request_restart,
-                             "(i)", id);
+    return std_call("vantrel_filetransfer_request_restart", url, m_ft_request_restart,
+                    "(i)", id);
 }
 
 int vantrel_filetransfer_request_add(const char* url, const vantrel_ft_request* request)
 {
     if (!request) return VANTREL_EINVAL;
     const vantrel_ft_request& r = *request;
-    return vantrel::std_call("vantrel_filetransfer_request_add", url, m_ft_request_add, "(siiss)",
-                             r.target, int{r.f_import}, int{r.f_delete}, r.object_local,
-                             r.object_remote);
+    return std_call("vantrel_filetransfer_request_add", url, m_ft_request_add, "(siiss)",
+                    r.target, int{r.f_import}, int{r.f_delete}, r.object_local,
+                    r.object_remote);
 }
 
 int vantrel_filetransfer_probe(const char* url, const char* target, const char* location)
 {
-    return vantrel::std_call("vantrel_filetransfer_probe", url, m_ft_probe, "(ss)",
-                             or_empty(target), or_empty(location));
+    return std_call("vantrel_filetransfer_probe", url, m_ft_probe, "(ss)",
+                    or_empty(target), or_empty(location));
 }
 
 int vantrel_filetranscoder_request_del(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_filetranscoder_request_del", url, m_ftc_request_del, "(i)",
-                             id);
+    return std_call("vantrel_filetranscoder_request_del", url, m_ftc_request_del, "(i)",
+                    id);
 }
 
 int vantrel_filetranscoder_request_cancel(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_filetranscoder_request_cancel", url, m_ftc_request_cancel,
-                             "(i)", id);
+    return std_call("vantrel_filetranscoder_request_cancel", url, m_ftc_request_cancel,
+                    "(i)", id);
 }
 
 int vantrel_filetranscoder_request_restart(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_filetranscoder_request_restart", url,
-                             m_ftc_request_restart, "(i)", id);
+    return std_call("vantrel_filetranscoder_request_restart", url,
+                    m_ftc_request_restart, "(i)", id);
 }
 
 int vantrel_filetranscoder_request_add(const char* url, const vantrel_ftc_request* request)
 {
     if (!request) return VANTREL_EINVAL;
     const vantrel_ftc_request& r = *request;
-    return vantrel::std_call("vantrel_filetranscoder_request_add", url, m_ftc_request_add,
-                             "(ssssssisiss)", r.src_object, r.in, r.dur, r.dst_object, r.factory,
-                             r.profile, int{r.f_delete}, r.audio_map, int{r.audio_conf},
-                             r.timecode, r.osd);
+    return std_call("vantrel_filetranscoder_request_add", url, m_ftc_request_add,
+                    "(ssssssisiss)", r.src_object, r.in, r.dur, r.dst_object, r.factory,
+                    r.profile, int{r.f_delete}, r.audio_map, int{r.audio_conf},
+                    r.timecode, r.osd);
 }
 
 int vantrel_filetransfer_targets_list(const char* url, int arg, int capacity,
@@ -372,8 +328,8 @@ int vantrel_filetransfer_targets_list(const char* url, int arg, int capacity,
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_filetransfer_targets_list_decode(env, answer, capacity, targets);
     };
-    return vantrel::call_with("vantrel_filetransfer_targets_list", url, m_ft_targets_list, decode,
-                              "(ii)", arg, capacity);
+    return call_with("vantrel_filetransfer_targets_list", url, m_ft_targets_list, decode,
+                     "(ii)", arg, capacity);
 }
 
 int vantrel_filetransfer_requests_list(const char* url, int arg1, int arg2, int capacity,
@@ -382,8 +338,8 @@ int vantrel_filetransfer_requests_list(const char* url, int arg1, int arg2, int 
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_filetransfer_requests_list_decode(env, answer, capacity, requests);
     };
-    return vantrel::call_with("vantrel_filetransfer_requests_list", url, m_ft_requests_list,
-                              decode, "(iii)", arg1, arg2, capacity);
+    return call_with("vantrel_filetransfer_requests_list", url, m_ft_requests_list,
+                     decode, "(iii)", arg1, arg2, capacity);
 }
 
 int vantrel_filetransfer_request_get(const char* url, int id, vantrel_ft_request* request)
@@ -391,8 +347,8 @@ int vantrel_filetransfer_request_get(const char* url, int id, vantrel_ft_request
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_filetransfer_request_get_decode(env, answer, request);
     };
-    return vantrel::call_with("vantrel_filetransfer_request_get", url, m_ft_request_get, decode,
-                              "(i)", id);
+    return call_with("vantrel_filetransfer_request_get", url, m_ft_request_get, decode,
+                     "(i)", id);
 }
 
 int vantrel_filetransfer_list(const char* url, const char* target, const char* location,
@@ -406,8 +362,8 @@ int vantrel_filetransfer_list(const char* url, const char* target, const char* l
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_filetransfer_list_decode(env, answer, list);
     };
-    return vantrel::call_with("vantrel_filetransfer_list", url, m_ft_list, decode, "(ss)",
-                              or_empty(target), or_empty(location));
+    return call_with("vantrel_filetransfer_list", url, m_ft_list, decode, "(ss)",
+                     or_empty(target), or_empty(location));
 }
 
 int vantrel_filetranscoder_requests_list(const char* url, int arg1, int arg2, int capacity,
@@ -416,6 +372,6 @@ int vantrel_filetranscoder_requests_list(const char* url, int arg1, int arg2, in
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_filetranscoder_requests_list_decode(env, answer, capacity, requests);
     };
-    return vantrel::call_with("vantrel_filetranscoder_requests_list", url, m_ftc_requests_list,
-                              decode, "(iii)", arg1, arg2, capacity);
+    return call_with("vantrel_filetranscoder_requests_list", url, m_ftc_requests_list,
+                     decode, "(iii)", arg1, arg2, capacity);
 }

@@ -44,12 +44,6 @@ xmlrpc_value* build_item(xmlrpc_env* env, const vantrel_playlist_item* item)
 int vantrel_result_decode(xmlrpc_env* env, const char* fn, const char* method,
                           xmlrpc_value* answer)
 {
-    if (!answer) {
-        xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-        fprintf(stderr, "%s: %s, decompose value failed: %s (%d) [%s:%d]\n", fn, method,
-                fault_text(env), env->fault_code, source_path, __LINE__);
-        return VANTREL_EFAULT;
-    }
     return decode_result(env, fn, method, answer);
 }
 
@@ -324,8 +318,7 @@ int vantrel_playlist_items_decode(xmlrpc_env* env, xmlrpc_value* answer, int* ge
     int g = 0, p = 0, i = 0;
     xmlrpc_decompose_value(env, answer, "{s:i,s:i,s:i,*}", "gen", &g, "pos", &p, "idx", &i);
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_decompose_value_failed(env, fn);
         return VANTREL_EFAULT;
     }
     if (gen) *gen = g;

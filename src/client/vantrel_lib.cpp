@@ -10,18 +10,9 @@
 #include <strings.h>
 
 #include "vantrel_decode_lib.h"
-#include "vantrel_family.h"
 #include "vantrel_internal.h"
 
-using vantrel::clear_fault;
-using vantrel::fault_text;
-using vantrel::or_empty;
-using vantrel::str_cat;
-using vantrel::str_copy;
-using vantrel_records::errno_text;
-using vantrel_records::new_record;
-using vantrel_records::owned;
-using vantrel_records::quiet_call;
+using namespace vantrel;
 
 // The usage block is documented as 48 bytes plus one text per entry.
 static_assert(sizeof(vantrel_lib_usage) == 48, "usage header layout");
@@ -54,22 +45,6 @@ constexpr const char* m_basename_overlay = "VantrelLib.LibBasenameOverlay";
 constexpr std::size_t text_size = VANTREL_STR_SIZE;
 constexpr std::size_t short_text_size = VANTREL_LIB_SHORT_TEXT_SIZE;
 constexpr const char* no_timecode = "00:00:00:00";
-
-void print_return(const char* fn, const char* method, int result)
-{
-    fprintf(stderr, "%s: %s return %d (%s)", fn, method, result, errno_text(result));
-}
-
-// The standard result step; -14 both for a bad answer and a server's -14,
-// which the caller tells apart by env.
-int take_result(xmlrpc_env* env, const char* fn, const char* method, xmlrpc_value* answer)
-{
-    if (!answer) {
-        xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-        return VANTREL_EFAULT;
-    }
-    return vantrel::decode_result(env, fn, method, answer);
-}
 
 void overlay_free(vantrel_lib_overlay* entry)
 {
@@ -120,45 +95,25 @@ int decode_listing(xmlrpc_env* env, xmlrpc_value* answer, const char* fn, const 
 {
     if (!out) return VANTREL_EINVAL;
     *out = nullptr;
-    int result = take_result(env, fn, method, answer);
-    if (env->fault_occurred) return VANTREL_EFAULT;
-    if (result < 0) {
-        print_return(fn, method, result);
-        return result;
-    }
-    xmlrpc_value_ref array;
+    decoded_value array;
     int size = 0;
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", array.out());
-    if (!env->fault_occurred) size = xmlrpc_array_size(env, array.get());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return VANTREL_EFAULT;
-    }
-    vantrel_records::list<T> records;
+    int result = result_and_list(env, fn, method, answer, array, &size,
+                                 missing_list::as_size_failure);
+    if (result < 0) return result;
+    vantrel::list<T> records;
     if (!records.ok()) return VANTREL_ENOMEM;
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, array.get(), i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return VANTREL_EFAULT;
-        }
+    int rc = for_each_element(env, fn, array.get(), size, [&](xmlrpc_value* element, int) {
         T* record = nullptr;
-        int rc = decode_one(element.get(), &record);
-        if (rc < 0) {
-            if (env->fault_occurred) {
-                fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn,
-                        fault_text(env), env->fault_code);
-                return VANTREL_EFAULT;
-            }
-            return rc;
+        int decoded = decode_one(element, &record);
+        if (decoded < 0) {
+            if (env->fault_occurred) report_decompose_failed(env, fn);
+            return env->fault_occurred ? VANTREL_EFAULT : decoded;
         }
         join_path(record->path, dir, record->name);
-        if (!records.push(record)) return VANTREL_ENOMEM;
-    }
-    vantrel_records::selection_sort(records.data(), records.size(), better);
+        return records.push(record) ? 0 : VANTREL_ENOMEM;
+    });
+    if (rc < 0) return rc;
+    selection_sort(records.data(), records.size(), better);
     int count = records.size();
     *out = records.release();
     return count;
@@ -261,14 +216,7 @@ int vantrel_lib_meta_item_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel
 
 int vantrel_lib_path_result_decode(xmlrpc_env* env, const char* fn, xmlrpc_value* answer)
 {
-    int result = 0;
-    if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-    else xmlrpc_decompose_value(env, answer, "{s:i,*}", "result", &result);
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env), env->fault_code);
-        return VANTREL_EFAULT;
-    }
-    return result;
+    return decode_result_plain(env, fn, answer);
 }
 
 int vantrel_lib_list_dirs_decode(xmlrpc_env* env, xmlrpc_value* answer, const char* dir,
@@ -318,15 +266,9 @@ int vantrel_lib_meta_item_decode(xmlrpc_env* env, xmlrpc_value* answer, const ch
     static const char* const fn = "vantrel_lib_meta_item";
     if (!meta) return VANTREL_EINVAL;
     *meta = nullptr;
-    int result = vantrel_lib_path_result_decode(env, fn, answer);
-    if (env->fault_occurred) return VANTREL_EFAULT;
+    decoded_value item;
+    int result = result_and_item(env, fn, answer, item);
     if (result != 0) return result;
-    xmlrpc_value_ref item;
-    xmlrpc_decompose_value(env, answer, "{s:S,*}", "item", item.out());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env), env->fault_code);
-        return VANTREL_EFAULT;
-    }
     vantrel_lib_meta* record = nullptr;
     int rc = vantrel_lib_meta_item_decompose(env, item.get(), &record);
     if (rc < 0) return rc;
@@ -352,7 +294,7 @@ int vantrel_lib_search_decode(xmlrpc_env* env, xmlrpc_value* answer, const char*
     if (!env->fault_occurred) xmlrpc_decompose_value(env, answer, "{s:s,*}", "item", text.out());
     if (env->fault_occurred) {
         fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]\n", fn, fault_text(env),
-                env->fault_code, vantrel::source_path, __LINE__);
+                env->fault_code, source_path, __LINE__);
         return VANTREL_EFAULT;
     }
     decoded_adopt(text);
@@ -366,40 +308,22 @@ int vantrel_lib_list_subclips_decode(xmlrpc_env* env, xmlrpc_value* answer,
     static const char* const fn = "vantrel_lib_list_subclips";
     if (!list) return VANTREL_EINVAL;
     *list = nullptr;
-    int result = take_result(env, fn, m_list_subclips, answer);
-    if (env->fault_occurred) return VANTREL_EFAULT;
-    if (result < 0) {
-        print_return(fn, m_list_subclips, result);
-        return result;
-    }
-    xmlrpc_value_ref array;
+    decoded_value array;
     int size = 0;
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", array.out());
-    if (!env->fault_occurred) size = xmlrpc_array_size(env, array.get());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return VANTREL_EFAULT;
-    }
-    vantrel_records::list<vantrel_lib_subclip> records;
+    int result = result_and_list(env, fn, m_list_subclips, answer, array, &size,
+                                 missing_list::as_size_failure);
+    if (result < 0) return result;
+    vantrel::list<vantrel_lib_subclip> records;
     if (!records.ok()) return VANTREL_ENOMEM;
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, array.get(), i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            break;
-        }
+    int rc = for_each_element(env, fn, array.get(), size, [&](xmlrpc_value* element, int i) {
         int mark_in = 0;
         int duration = 0;
         decoded_text title;
-        xmlrpc_decompose_value(env, element.get(), "{s:i,s:i,s:s,*}", "mark_in", &mark_in,
-                               "duration", &duration, "title", title.out());
+        xmlrpc_decompose_value(env, element, "{s:i,s:i,s:s,*}", "mark_in", &mark_in, "duration",
+                               &duration, "title", title.out());
         if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            break;
+            report_decompose_failed(env, fn);
+            return VANTREL_EFAULT;
         }
         decoded_adopt(title);
         vantrel_lib_subclip* clip = new_record<vantrel_lib_subclip>();
@@ -409,7 +333,9 @@ int vantrel_lib_list_subclips_decode(xmlrpc_env* env, xmlrpc_value* answer,
         clip->duration = duration;
         str_copy(clip->title, title.get(), text_size);
         clip->user = user;
-    }
+        return 0;
+    });
+    if (rc == VANTREL_ENOMEM) return rc;
     if (env->fault_occurred) {
         fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
                 env->fault_code);
@@ -427,10 +353,10 @@ int vantrel_lib_thumb_decode(xmlrpc_env* env, xmlrpc_value* answer, const char* 
     if (!data || !size) return VANTREL_EINVAL;
     *data = nullptr;
     *size = 0;
-    int result = take_result(env, fn, method, answer);
+    int result = decode_result(env, fn, method, answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
     if (result < 0) {
-        print_return(fn, method, result);
+        report_return(fn, method, result);
         return result;
     }
     const unsigned char* bytes = nullptr;
@@ -455,31 +381,18 @@ int vantrel_lib_list_overlays_level(xmlrpc_env* env, xmlrpc_value* array, int le
     static const char* const fn = "vantrel_lib_list_overlays_level";
     if (!out) return VANTREL_EINVAL;
     *out = nullptr;
-    int size = 0;
-    if (!array) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no list value");
-    else size = xmlrpc_array_size(env, array);
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return VANTREL_EFAULT;
-    }
-    vantrel_records::list<vantrel_lib_overlay, overlay_free> entries;
+    int size = array_size(env, fn, array);
+    if (size < 0) return size;
+    vantrel::list<vantrel_lib_overlay, overlay_free> entries;
     if (!entries.ok()) return VANTREL_ENOMEM;
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, array, i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return VANTREL_EFAULT;
-        }
+    int rc = for_each_element(env, fn, array, size, [&](xmlrpc_value* element, int) {
         std::unique_ptr<vantrel_lib_overlay, decltype(&overlay_free)> entry(
             new_record<vantrel_lib_overlay>(), &overlay_free);
         if (!entry) return VANTREL_ENOMEM;
         decoded_text path;
         if (level == 0) {
             decoded_value leaves;
-            xmlrpc_decompose_value(env, element.get(), "{s:s,s:A,*}", "path", path.out(), "list",
+            xmlrpc_decompose_value(env, element, "{s:s,s:A,*}", "path", path.out(), "list",
                                    leaves.out());
             if (!env->fault_occurred) {
                 decoded_adopt(path, leaves);
@@ -493,8 +406,8 @@ int vantrel_lib_list_overlays_level(xmlrpc_env* env, xmlrpc_value* array, int le
         } else {
             decoded_text name;
             xmlrpc_int64 bytes = 0;
-            xmlrpc_decompose_value(env, element.get(), "{s:s,s:s,s:I,*}", "name", name.out(),
-                                   "path", path.out(), "size", &bytes);
+            xmlrpc_decompose_value(env, element, "{s:s,s:s,s:I,*}", "name", name.out(), "path",
+                                   path.out(), "size", &bytes);
             if (!env->fault_occurred) {
                 decoded_adopt(name, path);
                 str_copy(entry->name, name.get(), text_size);
@@ -503,12 +416,12 @@ int vantrel_lib_list_overlays_level(xmlrpc_env* env, xmlrpc_value* array, int le
             }
         }
         if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
+            report_decompose_failed(env, fn);
             return VANTREL_EFAULT;
         }
-        if (!entries.push(entry.release())) return VANTREL_ENOMEM;
-    }
+        return entries.push(entry.release()) ? 0 : VANTREL_ENOMEM;
+    });
+    if (rc < 0) return rc;
     int count = entries.size();
     *out = entries.release();
     return count;
@@ -520,16 +433,12 @@ int vantrel_lib_list_overlays_decode(xmlrpc_env* env, xmlrpc_value* answer,
     static const char* const fn = "vantrel_lib_list_overlays";
     if (!list) return VANTREL_EINVAL;
     *list = nullptr;
-    int result = take_result(env, fn, m_list_overlays, answer);
-    if (env->fault_occurred) return VANTREL_EFAULT;
-    if (result < 0) {
-        print_return(fn, m_list_overlays, result);
-        return result;
-    }
-    xmlrpc_value_ref groups;
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", groups.out());
-    int count = env->fault_occurred ? VANTREL_EFAULT
-                                    : vantrel_lib_list_overlays_level(env, groups.get(), 0, list);
+    decoded_value groups;
+    int size = 0;
+    int result = result_and_list(env, fn, m_list_overlays, answer, groups, &size,
+                                 missing_list::as_size_failure);
+    if (result < 0) return result;
+    int count = vantrel_lib_list_overlays_level(env, groups.get(), 0, list);
     if (env->fault_occurred) {
         fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
                 env->fault_code);
@@ -585,7 +494,7 @@ int vantrel_lib_state_decode(xmlrpc_env* env, xmlrpc_value* answer, vantrel_lib_
     static const char* const fn = "vantrel_lib_state";
     if (!usage) return VANTREL_EINVAL;
     *usage = nullptr;
-    int result = take_result(env, fn, m_state, answer);
+    int result = decode_result(env, fn, m_state, answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
     if (result < 0) return result;
     xmlrpc_int64 amend_idx = 0;
@@ -596,7 +505,7 @@ int vantrel_lib_state_decode(xmlrpc_env* env, xmlrpc_value* answer, vantrel_lib_
                            "total_items", &total_items, "free_space", &free_space, "total_space",
                            &total_space);
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env), env->fault_code);
+        report_decompose_value_failed(env, fn);
         return VANTREL_EFAULT;
     }
     state_walk walk;
@@ -623,7 +532,7 @@ int vantrel_lib_disk_usage_decode(xmlrpc_env* env, xmlrpc_value* answer,
     static const char* const fn = "vantrel_lib_disk_usage";
     if (!usage) return VANTREL_EINVAL;
     *usage = nullptr;
-    int result = take_result(env, fn, m_disk_usage, answer);
+    int result = decode_result(env, fn, m_disk_usage, answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
     if (result < 0) return result;
     int total_items = 0;
@@ -634,7 +543,7 @@ int vantrel_lib_disk_usage_decode(xmlrpc_env* env, xmlrpc_value* answer,
                            "free_space", &free_space, "total_space", &total_space, "used_space",
                            &used_space);
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env), env->fault_code);
+        report_decompose_value_failed(env, fn);
         return VANTREL_EFAULT;
     }
     vantrel_lib_usage* record = new_record<vantrel_lib_usage>();
@@ -719,34 +628,39 @@ int vantrel_lib_basename_overlay_decode(xmlrpc_env* env, xmlrpc_value* answer, c
 
 namespace {
 
-// Register and delete calls name the path in their own failure lines.
+// "%s: xmlrpc_client_callX(%s,%s) failed: %s (%d)": the calls that send one
+// path name it in their own failure lines.
+auto path_call_failed(const char* fn, const char* url, const char* path)
+{
+    return [=](const xmlrpc_env* env) {
+        fprintf(stderr, "%s: xmlrpc_client_callX(%s,%s) failed: %s (%d)", fn, or_empty(url),
+                or_empty(path), fault_text(env), env->fault_code);
+    };
+}
+
 int path_call(const char* fn, const char* method, const char* url, const char* path)
 {
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref answer(quiet_call(env.get(), url, method, "(s)", or_empty(path)));
-    if (!answer) {
-        fprintf(stderr, "%s: xmlrpc_client_callX(%s,%s) failed: %s (%d)", fn, or_empty(url),
-                or_empty(path), env.fault_string(), env.fault_code());
-        return VANTREL_EFAULT;
-    }
-    return vantrel_lib_path_result_decode(env.get(), fn, answer.get());
+    auto decode = [fn](xmlrpc_env* env, xmlrpc_value* answer) {
+        return decode_result_plain(env, fn, answer);
+    };
+    return call_reported(path_call_failed(fn, url, path), decode, url, method, "(s)",
+                         or_empty(path));
 }
 
 int vantrel_basename_item(const char* method, const char* url, const char* path, const char* opt,
                           char* value, char* object, int32_t* shm_id)
 {
     if (shm_id) *shm_id = -1;
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref answer(opt && *opt
-                                ? quiet_call(env.get(), url, method, "(ss)", or_empty(path), opt)
-                                : quiet_call(env.get(), url, method, "(s)", or_empty(path)));
-    if (!answer) {
+    auto report = [&](const xmlrpc_env* env) {
         fprintf(stderr, "vantrel_basename_item: xmlrpc_client_callX(%s, %s, %s) failed: %s (%d)",
-                or_empty(url), or_empty(path), or_empty(opt), env.fault_string(),
-                env.fault_code());
-        return VANTREL_EFAULT;
-    }
-    return vantrel_basename_item_decode(env.get(), answer.get(), value, object, shm_id);
+                or_empty(url), or_empty(path), or_empty(opt), fault_text(env), env->fault_code);
+    };
+    auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
+        return vantrel_basename_item_decode(env, answer, value, object, shm_id);
+    };
+    if (opt && *opt)
+        return call_reported(report, decode, url, method, "(ss)", or_empty(path), opt);
+    return call_reported(report, decode, url, method, "(s)", or_empty(path));
 }
 
 }  // namespace
@@ -768,21 +682,21 @@ int vantrel_lib_delete_dir(const char* url, const char* path)
 
 int vantrel_lib_rename_item(const char* url, const char* from, const char* to)
 {
-    return vantrel::std_call("vantrel_lib_rename_item", url, m_rename_item, "(ss)", or_empty(from),
-                             or_empty(to));
+    return std_call("vantrel_lib_rename_item", url, m_rename_item, "(ss)", or_empty(from),
+                    or_empty(to));
 }
 
 int vantrel_lib_delete_subclip(const char* url, const char* path, int idx)
 {
-    return vantrel::std_call("vantrel_lib_delete_subclip", url, m_delete_subclip, "(si)",
-                             or_empty(path), idx);
+    return std_call("vantrel_lib_delete_subclip", url, m_delete_subclip, "(si)",
+                    or_empty(path), idx);
 }
 
 int vantrel_lib_register_subclip(const char* url, const char* path, int mark_in, int duration,
                                  const char* title)
 {
-    return vantrel::std_call("vantrel_lib_register_subclip", url, m_register_subclip, "(siis)",
-                             or_empty(path), mark_in, duration, or_empty(title));
+    return std_call("vantrel_lib_register_subclip", url, m_register_subclip, "(siis)",
+                    or_empty(path), mark_in, duration, or_empty(title));
 }
 
 int vantrel_lib_list_dirs(const char* url, const char* dir, vantrel_lib_dir*** list)
@@ -792,8 +706,8 @@ int vantrel_lib_list_dirs(const char* url, const char* dir, vantrel_lib_dir*** l
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_list_dirs_decode(env, answer, dir, list);
     };
-    return vantrel::call_with("vantrel_lib_list_dirs", url, m_list_dirs, decode, "(s)",
-                              or_empty(dir));
+    return call_with("vantrel_lib_list_dirs", url, m_list_dirs, decode, "(s)",
+                     or_empty(dir));
 }
 
 int vantrel_lib_list_items2(const char* url, const char* dir, vantrel_lib_meta*** list, int arg1,
@@ -806,8 +720,8 @@ int vantrel_lib_list_items2(const char* url, const char* dir, vantrel_lib_meta**
         return vantrel_lib_list_items_decode(env, answer, dir, list);
     };
     if (arg1 == -1 && arg2 == -1)
-        return vantrel::call_with(fn, url, m_list_items, decode, "(s)", or_empty(dir));
-    return vantrel::call_with(fn, url, m_list_items, decode, "(sii)", or_empty(dir), arg1, arg2);
+        return call_with(fn, url, m_list_items, decode, "(s)", or_empty(dir));
+    return call_with(fn, url, m_list_items, decode, "(sii)", or_empty(dir), arg1, arg2);
 }
 
 int vantrel_lib_list_items(const char* url, const char* dir, vantrel_lib_meta*** list)
@@ -819,14 +733,11 @@ int vantrel_lib_meta_item(const char* url, const char* path, vantrel_lib_meta** 
 {
     if (!meta) return VANTREL_EINVAL;
     *meta = nullptr;
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref answer(quiet_call(env.get(), url, m_meta_item, "(s)", or_empty(path)));
-    if (!answer) {
-        fprintf(stderr, "vantrel_lib_meta_item: xmlrpc_client_callX(%s,%s) failed: %s (%d)",
-                or_empty(url), or_empty(path), env.fault_string(), env.fault_code());
-        return VANTREL_EFAULT;
-    }
-    return vantrel_lib_meta_item_decode(env.get(), answer.get(), path, meta);
+    auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
+        return vantrel_lib_meta_item_decode(env, answer, path, meta);
+    };
+    return call_reported(path_call_failed("vantrel_lib_meta_item", url, path), decode, url,
+                         m_meta_item, "(s)", or_empty(path));
 }
 
 int vantrel_lib_search_item(const char* url, int mode, const char* filter, const char* name,
@@ -837,8 +748,8 @@ int vantrel_lib_search_item(const char* url, int mode, const char* filter, const
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_search_decode(env, answer, fn, m_search_item, item);
     };
-    return vantrel::call_with(fn, url, m_search_item, decode, "(iss)", mode, or_empty(filter),
-                              or_empty(name));
+    return call_with(fn, url, m_search_item, decode, "(iss)", mode, or_empty(filter),
+                     or_empty(name));
 }
 
 int vantrel_lib_search_item_dur_range(const char* url, int mode, const char* filter,
@@ -849,8 +760,8 @@ int vantrel_lib_search_item_dur_range(const char* url, int mode, const char* fil
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_search_decode(env, answer, fn, m_search_dur_range, item);
     };
-    return vantrel::call_with(fn, url, m_search_dur_range, decode, "(isdd)", mode,
-                              or_empty(filter), dur_min, dur_max);
+    return call_with(fn, url, m_search_dur_range, decode, "(isdd)", mode,
+                     or_empty(filter), dur_min, dur_max);
 }
 
 int vantrel_lib_list_subclips(const char* url, const char* path, vantrel_lib_subclip*** list,
@@ -861,8 +772,8 @@ int vantrel_lib_list_subclips(const char* url, const char* path, vantrel_lib_sub
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_list_subclips_decode(env, answer, list, user);
     };
-    return vantrel::call_with("vantrel_lib_list_subclips", url, m_list_subclips, decode, "(s)",
-                              or_empty(path));
+    return call_with("vantrel_lib_list_subclips", url, m_list_subclips, decode, "(s)",
+                     or_empty(path));
 }
 
 int vantrel_lib_subclips_free(vantrel_lib_subclip*** list)
@@ -885,8 +796,8 @@ int vantrel_lib_thumb_item(const char* url, const char* path, const char* kind, 
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_thumb_decode(env, answer, fn, url, m_thumb_item, "thumb", data, size);
     };
-    return vantrel::call_with(fn, url, m_thumb_item, decode, "(ssii)", or_empty(path),
-                              or_empty(kind), width, height);
+    return call_with(fn, url, m_thumb_item, decode, "(ssii)", or_empty(path),
+                     or_empty(kind), width, height);
 }
 
 int vantrel_lib_thumb_overlay(const char* url, const char* path, unsigned char** data,
@@ -899,7 +810,7 @@ int vantrel_lib_thumb_overlay(const char* url, const char* path, unsigned char**
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_thumb_decode(env, answer, fn, url, m_thumb_overlay, "png", data, size);
     };
-    return vantrel::call_with(fn, url, m_thumb_overlay, decode, "(s)", or_empty(path));
+    return call_with(fn, url, m_thumb_overlay, decode, "(s)", or_empty(path));
 }
 
 int vantrel_lib_list_overlays(const char* url, vantrel_lib_overlay*** list)
@@ -909,7 +820,7 @@ int vantrel_lib_list_overlays(const char* url, vantrel_lib_overlay*** list)
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_list_overlays_decode(env, answer, list);
     };
-    return vantrel::call_with("vantrel_lib_list_overlays", url, m_list_overlays, decode, "()");
+    return call_with("vantrel_lib_list_overlays", url, m_list_overlays, decode, "()");
 }
 
 int vantrel_lib_overlays_free(vantrel_lib_overlay*** list)
@@ -929,7 +840,7 @@ int vantrel_lib_state(const char* url, int amend_idx, vantrel_lib_usage** usage)
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_state_decode(env, answer, usage);
     };
-    return vantrel::call_with("vantrel_lib_state", url, m_state, decode, "(i)", amend_idx);
+    return call_with("vantrel_lib_state", url, m_state, decode, "(i)", amend_idx);
 }
 
 int vantrel_lib_disk_usage(const char* url, vantrel_lib_usage** usage)
@@ -939,21 +850,21 @@ int vantrel_lib_disk_usage(const char* url, vantrel_lib_usage** usage)
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_lib_disk_usage_decode(env, answer, usage);
     };
-    return vantrel::call_with("vantrel_lib_disk_usage", url, m_disk_usage, decode, "()");
+    return call_with("vantrel_lib_disk_usage", url, m_disk_usage, decode, "()");
 }
 
 int vantrel_lib_register_cue(const char* url, const char* path, int cue, int64_t* cue_cnt,
                              int64_t* cue_date)
 {
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref answer(quiet_call(env.get(), url, m_register_cue, "(si)", or_empty(path), cue));
-    if (!answer) {
+    auto report = [&](const xmlrpc_env* env) {
         fprintf(stderr, "%s: xmlrpc_client_callX(%s,%s,%d) failed: %s (%d)",
-                "vantrel_lib_register_cue", or_empty(url), or_empty(path), cue,
-                env.fault_string(), env.fault_code());
-        return VANTREL_EFAULT;
-    }
-    return vantrel_lib_register_cue_decode(env.get(), answer.get(), cue_cnt, cue_date);
+                "vantrel_lib_register_cue", or_empty(url), or_empty(path), cue, fault_text(env),
+                env->fault_code);
+    };
+    auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
+        return vantrel_lib_register_cue_decode(env, answer, cue_cnt, cue_date);
+    };
+    return call_reported(report, decode, url, m_register_cue, "(si)", or_empty(path), cue);
 }
 
 int vantrel_lib_basename_item(const char* url, const char* path, const char* opt,
@@ -971,14 +882,11 @@ int vantrel_io_basename_item(const char* url, const char* path, char value[VANTR
 
 int vantrel_lib_basename_overlay(const char* url, const char* path, char value[VANTREL_STR_SIZE])
 {
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref answer(quiet_call(env.get(), url, m_basename_overlay, "(s)", or_empty(path)));
-    if (!answer) {
-        fprintf(stderr, "vantrel_lib_basename_overlay: xmlrpc_client_callX(%s,%s) failed: %s (%d)",
-                or_empty(url), or_empty(path), env.fault_string(), env.fault_code());
-        return VANTREL_EFAULT;
-    }
-    return vantrel_lib_basename_overlay_decode(env.get(), answer.get(), value);
+    auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
+        return vantrel_lib_basename_overlay_decode(env, answer, value);
+    };
+    return call_reported(path_call_failed("vantrel_lib_basename_overlay", url, path), decode, url,
+                         m_basename_overlay, "(s)", or_empty(path));
 }
 
 // ---- audio layouts ----

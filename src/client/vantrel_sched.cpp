@@ -6,16 +6,9 @@
 #include <cstring>
 
 #include "vantrel_decode_sched.h"
-#include "vantrel_family.h"
 #include "vantrel_internal.h"
 
-using vantrel::clear_fault;
-using vantrel::fault_text;
-using vantrel::or_empty;
-using vantrel::str_copy;
-using vantrel_records::errno_text;
-using vantrel_records::new_record;
-using vantrel_records::owned;
+using namespace vantrel;
 
 namespace {
 
@@ -38,42 +31,19 @@ int decode_listing(xmlrpc_env* env, xmlrpc_value* answer, const char* fn, const 
 {
     if (!out) return VANTREL_EINVAL;
     *out = nullptr;
-    if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-    int result = env->fault_occurred ? VANTREL_EFAULT
-                                     : vantrel::decode_result(env, fn, method, answer);
-    if (env->fault_occurred) return VANTREL_EFAULT;
-    if (result < 0) {
-        fprintf(stderr, "%s: %s return %d (%s)", fn, method, result, errno_text(result));
-        return result;
-    }
-    xmlrpc_value_ref array;
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", array.out());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]", fn, fault_text(env),
-                env->fault_code, vantrel::source_path, __LINE__);
-        return VANTREL_EFAULT;
-    }
-    int size = xmlrpc_array_size(env, array.get());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return VANTREL_EFAULT;
-    }
-    vantrel_records::list<T> records;
+    decoded_value array;
+    int size = 0;
+    int result = result_and_list(env, fn, method, answer, array, &size);
+    if (result < 0) return result;
+    vantrel::list<T> records;
     if (!records.ok()) return VANTREL_ENOMEM;
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, array.get(), i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return VANTREL_EFAULT;
-        }
+    int rc = for_each_element(env, fn, array.get(), size, [&](xmlrpc_value* element, int) {
         T* record = nullptr;
-        int rc = decompose(env, element.get(), &record);
-        if (rc < 0) return rc;  // the decomposer wrote its line
-        if (!records.push(record)) return VANTREL_ENOMEM;
-    }
+        int decoded = decompose(env, element, &record);  // the decomposer wrote its line
+        if (decoded < 0) return decoded;
+        return records.push(record) ? 0 : VANTREL_ENOMEM;
+    });
+    if (rc < 0) return rc;
     order(records.data(), records.size());
     int count = records.size();
     *out = records.release();
@@ -106,8 +76,7 @@ void take_optional(xmlrpc_env* env, xmlrpc_value* item, const char* key, int32_t
         }
     }
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_decompose_failed(env, fn);
         clear_fault(env);
     }
 }
@@ -133,8 +102,7 @@ int vantrel_sched_item_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_sc
             "title", title.out(), "min", &min, "hour", &hour, "day", &day, "weekday", &weekday,
             "month", &month, "year", &year, "calc", &calc, "mode", mode.out(), "enc", enc.out());
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_decompose_failed(env, fn);
         return VANTREL_EFAULT;
     }
     decoded_adopt(path, title, mode, enc);
@@ -178,8 +146,7 @@ int vantrel_sched_log_decompose(xmlrpc_env* env, xmlrpc_value* item, vantrel_sch
                                "enc", enc.out(), "start_time", &start_time, "transfer",
                                transfer.out(), "prefix", prefix.out());
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_decompose_failed(env, fn);
         return VANTREL_EFAULT;
     }
     decoded_adopt(origin, mode, enc, transfer, prefix);
@@ -205,16 +172,8 @@ int vantrel_sched_item_get_decode(xmlrpc_env* env, xmlrpc_value* answer,
     static const char* const fn = "vantrel_sched_item_get";
     if (!item) return VANTREL_EINVAL;
     *item = nullptr;
-    int result = 0;
-    if (!answer) xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "no answer value");
-    else xmlrpc_decompose_value(env, answer, "{s:i,*}", "result", &result);
-    xmlrpc_value_ref found;
-    if (!env->fault_occurred && result == 0)
-        xmlrpc_decompose_value(env, answer, "{s:S,*}", "item", found.out());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d)", fn, fault_text(env), env->fault_code);
-        return VANTREL_EFAULT;
-    }
+    decoded_value found;
+    int result = result_and_item(env, fn, answer, found);
     if (result != 0) return result;
     return vantrel_sched_item_decompose(env, found.get(), item);
 }
@@ -223,10 +182,9 @@ int vantrel_sched_item_list_decode(xmlrpc_env* env, xmlrpc_value* answer,
                                    vantrel_sched_item*** list)
 {
     auto by_calc = [](vantrel_sched_item** items, int count) {
-        vantrel_records::selection_sort(items, count,
-                                        [](const vantrel_sched_item* a, const vantrel_sched_item* b) {
-                                            return a->calc < b->calc;
-                                        });
+        selection_sort(items, count, [](const vantrel_sched_item* a, const vantrel_sched_item* b) {
+            return a->calc < b->calc;
+        });
     };
     return decode_listing<vantrel_sched_item>(env, answer, "vantrel_sched_item_list", m_list_items,
                                               vantrel_sched_item_decompose, list, by_calc);
@@ -287,7 +245,7 @@ int vantrel_sched_get_state_decode(xmlrpc_env* env, xmlrpc_value* answer,
     }
     if (env->fault_occurred) {
         fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]\n", fn, fault_text(env),
-                env->fault_code, vantrel::source_path, __LINE__);
+                env->fault_code, source_path, __LINE__);
         return VANTREL_EFAULT;
     }
     return result;
@@ -297,40 +255,40 @@ int vantrel_sched_item_add(const char* url, const vantrel_sched_item* item)
 {
     if (!item) return VANTREL_EINVAL;
     const vantrel_sched_item& i = *item;
-    return vantrel::std_call("vantrel_sched_item_add", url, m_add_item, "(IIIIIIiiissssiss)",
-                             xmlrpc_int64{i.min}, xmlrpc_int64{i.hour}, xmlrpc_int64{i.day},
-                             xmlrpc_int64{i.weekday}, xmlrpc_int64{i.month}, xmlrpc_int64{i.year},
-                             int{i.enabled}, int{i.duration}, int{i.tc}, i.title, i.path, i.mode,
-                             i.enc, int{i.start_time}, i.transfer, i.prefix);
+    return std_call("vantrel_sched_item_add", url, m_add_item, "(IIIIIIiiissssiss)",
+                    xmlrpc_int64{i.min}, xmlrpc_int64{i.hour}, xmlrpc_int64{i.day},
+                    xmlrpc_int64{i.weekday}, xmlrpc_int64{i.month}, xmlrpc_int64{i.year},
+                    int{i.enabled}, int{i.duration}, int{i.tc}, i.title, i.path, i.mode,
+                    i.enc, int{i.start_time}, i.transfer, i.prefix);
 }
 
 int vantrel_sched_item_del(const char* url, int id)
 {
-    return vantrel::std_call("vantrel_sched_item_del", url, m_delete_item, "(i)", id);
+    return std_call("vantrel_sched_item_del", url, m_delete_item, "(i)", id);
 }
 
 int vantrel_sched_item_enable(const char* url, int id, int enable)
 {
-    return vantrel::std_call("vantrel_sched_item_enable", url, m_enable_item, "(ii)", id, enable);
+    return std_call("vantrel_sched_item_enable", url, m_enable_item, "(ii)", id, enable);
 }
 
 int vantrel_sched_expand_curr(const char* url, int arg)
 {
-    return vantrel::std_call("vantrel_sched_expand_curr", url, m_expand_curr, "(i)", arg);
+    return std_call("vantrel_sched_expand_curr", url, m_expand_curr, "(i)", arg);
 }
 
 int vantrel_sched_item_get(const char* url, int id, vantrel_sched_item** item)
 {
     if (!item) return VANTREL_EINVAL;
     *item = nullptr;
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref answer(vantrel_records::quiet_call(env.get(), url, m_get_item, "(i)", id));
-    if (!answer) {
+    auto report = [id](const xmlrpc_env* env) {
         fprintf(stderr, "vantrel_sched_item_get: xmlrpc_client_callX(%d) failed: %s (%d)", id,
-                env.fault_string(), env.fault_code());
-        return VANTREL_EFAULT;
-    }
-    return vantrel_sched_item_get_decode(env.get(), answer.get(), item);
+                fault_text(env), env->fault_code);
+    };
+    auto decode = [item](xmlrpc_env* env, xmlrpc_value* answer) {
+        return vantrel_sched_item_get_decode(env, answer, item);
+    };
+    return call_reported(report, decode, url, m_get_item, "(i)", id);
 }
 
 int vantrel_sched_item_list(const char* url, vantrel_sched_item*** list)
@@ -340,7 +298,7 @@ int vantrel_sched_item_list(const char* url, vantrel_sched_item*** list)
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_sched_item_list_decode(env, answer, list);
     };
-    return vantrel::call_with("vantrel_sched_item_list", url, m_list_items, decode, "()");
+    return call_with("vantrel_sched_item_list", url, m_list_items, decode, "()");
 }
 
 int vantrel_sched_log_list(const char* url, vantrel_sched_log*** list)
@@ -350,7 +308,7 @@ int vantrel_sched_log_list(const char* url, vantrel_sched_log*** list)
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_sched_log_list_decode(env, answer, list);
     };
-    return vantrel::call_with("vantrel_sched_log_list", url, m_list_logs, decode, "()");
+    return call_with("vantrel_sched_log_list", url, m_list_logs, decode, "()");
 }
 
 int vantrel_sched_get_state(const char* url, vantrel_sched_state* state)
@@ -360,5 +318,5 @@ int vantrel_sched_get_state(const char* url, vantrel_sched_state* state)
     auto decode = [&](xmlrpc_env* env, xmlrpc_value* answer) {
         return vantrel_sched_get_state_decode(env, answer, state);
     };
-    return vantrel::call_with("vantrel_sched_get_state", url, m_get_state, decode, "()");
+    return call_with("vantrel_sched_get_state", url, m_get_state, decode, "()");
 }

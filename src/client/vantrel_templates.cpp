@@ -124,28 +124,16 @@ void free_mode(vantrel_io_mode* mode)
 bool read_mode_lists(xmlrpc_env* env, const char* fn, vantrel_io_mode* mode, xmlrpc_value* subs,
                      xmlrpc_value* osds)
 {
-    int size = xmlrpc_array_size(env, subs);
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return false;
-    }
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, subs, i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return false;
-        }
+    int size = array_size(env, fn, subs);
+    if (size < 0) return false;
+    int rc = for_each_element(env, fn, subs, size, [&](xmlrpc_value* element, int) {
         int idx = 0;
         decoded_text desc, name;
-        xmlrpc_decompose_value(env, element.get(), "{s:i,s:s,s:s,*}", "idx", &idx, "desc",
-                               desc.out(), "name", name.out());
+        xmlrpc_decompose_value(env, element, "{s:i,s:s,s:s,*}", "idx", &idx, "desc", desc.out(),
+                               "name", name.out());
         if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return false;
+            report_decompose_failed(env, fn);
+            return VANTREL_EFAULT;
         }
         decoded_adopt(desc, name);
         auto* sub = static_cast<vantrel_io_submode*>(calloc(1, sizeof(vantrel_io_submode)));
@@ -156,71 +144,35 @@ bool read_mode_lists(xmlrpc_env* env, const char* fn, vantrel_io_mode* mode, xml
         if (!sub || !grown) {
             free(sub);
             xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "out of memory");
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return false;
+            report_decompose_failed(env, fn);
+            return VANTREL_ENOMEM;
         }
         sub->idx = idx;
         str_copy(sub->name, name.get(), sizeof sub->name);
         str_copy(sub->desc, desc.get(), sizeof sub->desc);
         mode->submodes[mode->submodes_cnt++] = sub;
-    }
+        return 0;
+    });
+    if (rc < 0) return false;
 
-    size = xmlrpc_array_size(env, osds);
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return false;
-    }
+    size = array_size(env, fn, osds);
+    if (size < 0) return false;
     mode->osds = static_cast<char**>(calloc(static_cast<std::size_t>(size) + 1, sizeof(char*)));
     if (!mode->osds) {
         xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "out of memory");
         return false;
     }
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, osds, i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return false;
-        }
+    rc = for_each_element(env, fn, osds, size, [&](xmlrpc_value* element, int) {
         const char* osd = nullptr;
-        xmlrpc_decompose_value(env, element.get(), "(s)", &osd);
+        xmlrpc_decompose_value(env, element, "(s)", &osd);
         if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return false;
+            report_decompose_failed(env, fn);
+            return VANTREL_EFAULT;
         }
         mode->osds[mode->osds_cnt++] = const_cast<char*>(osd);
-    }
-    return true;
-}
-
-// Standard result handling plus the settings answers' "list" member: returns
-// the result (negative ends the decoding) and the list in *list.
-int settings_list(xmlrpc_env* env, const char* fn, const char* method, xmlrpc_value* answer,
-                  xmlrpc_value_ref& list, int* size)
-{
-    int result = vantrel_result_decode(env, fn, method, answer);
-    if (env->fault_occurred) return VANTREL_EFAULT;
-    if (result < 0) {
-        fprintf(stderr, "%s: %s return %d (%s)", fn, method, result, errno_text(result));
-        return result;
-    }
-    xmlrpc_decompose_value(env, answer, "{s:A,*}", "list", list.out());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: decompose value failed: %s (%d) [%s:%d]", fn, fault_text(env),
-                env->fault_code, source_path, __LINE__);
-        return VANTREL_EFAULT;
-    }
-    *size = xmlrpc_array_size(env, list.get());
-    if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
-        return VANTREL_EFAULT;
-    }
-    return result;
+        return 0;
+    });
+    return rc == 0;
 }
 
 }  // namespace
@@ -404,30 +356,27 @@ int vantrel_io_settings_get_decode(xmlrpc_env* env, xmlrpc_value* answer,
                                    vantrel_io_settings* settings)
 {
     static const char* const fn = "vantrel_io_settings_get";
-    xmlrpc_value_ref list;
+    decoded_value list;
     int size = 0;
-    int result = settings_list(env, fn, "VantrelIO.SettingsGet", answer, list, &size);
+    int result = result_and_list(env, fn, "VantrelIO.SettingsGet", answer, list, &size);
     if (result < 0) return result;
-    for (int i = 0; i < size; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, list.get(), i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return VANTREL_EFAULT;
-        }
+    bool undecodable = false;
+    int rc = for_each_element(env, fn, list.get(), size, [&](xmlrpc_value* element, int) {
         decoded_text name, value;
-        xmlrpc_decompose_value(env, element.get(), "{s:s,s:s,*}", "name", name.out(), "value",
+        xmlrpc_decompose_value(env, element, "{s:s,s:s,*}", "name", name.out(), "value",
                                value.out());
         if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            return result;
+            report_decompose_failed(env, fn);
+            undecodable = true;
+            return VANTREL_EFAULT;
         }
         decoded_adopt(name, value);
         if (settings) apply_setting(settings, name.get(), value.get());
-    }
-    return 0;
+        return 0;
+    });
+    // A pair that does not decode ends the walk with the answer's own result.
+    if (undecodable) return result;
+    return rc < 0 ? rc : 0;
 }
 
 int vantrel_io_settings_get(const char* url, vantrel_io_settings* settings)
@@ -447,61 +396,35 @@ int vantrel_io_settings_get_modes_decode(xmlrpc_env* env, xmlrpc_value* answer,
     static const char* const fn = "vantrel_io_settings_get_modes";
     if (!out) return VANTREL_EINVAL;
     *out = nullptr;
-    xmlrpc_value_ref list;
+    decoded_value list;
     int size = 0;
-    int result = settings_list(env, fn, "VantrelIO.SettingsGetModes", answer, list, &size);
+    int result = result_and_list(env, fn, "VantrelIO.SettingsGetModes", answer, list, &size);
     if (result < 0) return result;
-
-    auto* modes = static_cast<vantrel_io_mode**>(calloc(1, sizeof(vantrel_io_mode*)));
-    if (!modes) return VANTREL_ENOMEM;
-    int count = 0;
-    bool failed = false;
-    for (int i = 0; i < size && !failed; ++i) {
-        xmlrpc_value_ref element;
-        xmlrpc_array_read_item(env, list.get(), i, element.out());
-        if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            failed = true;
-            break;
-        }
-        auto* mode = static_cast<vantrel_io_mode*>(calloc(1, sizeof(vantrel_io_mode)));
-        if (!mode) {
-            failed = true;
-            break;
-        }
+    vantrel::list<vantrel_io_mode, free_mode> modes;
+    if (!modes.ok()) return VANTREL_ENOMEM;
+    int rc = for_each_element(env, fn, list.get(), size, [&](xmlrpc_value* element, int) {
+        std::unique_ptr<vantrel_io_mode, decltype(&free_mode)> mode(
+            static_cast<vantrel_io_mode*>(calloc(1, sizeof(vantrel_io_mode))), &free_mode);
+        if (!mode) return VANTREL_ENOMEM;
         decoded_text desc, name;
         decoded_value subs, osds;
-        xmlrpc_decompose_value(env, element.get(), "{s:i,s:s,s:s,s:A,s:A,*}", "idx", &mode->idx,
+        xmlrpc_decompose_value(env, element, "{s:i,s:s,s:s,s:A,s:A,*}", "idx", &mode->idx,
                                "desc", desc.out(), "name", name.out(), "list", subs.out(), "osds",
                                osds.out());
         if (env->fault_occurred) {
-            fprintf(stderr, "%s: xmlrpc_decompose_value failed: %s (%d)", fn, fault_text(env),
-                    env->fault_code);
-            free_mode(mode);
-            failed = true;
-            break;
+            report_decompose_failed(env, fn);
+            return VANTREL_EFAULT;
         }
         decoded_adopt(desc, name, subs, osds);
         str_copy(mode->name, name.get(), sizeof mode->name);
         str_copy(mode->desc, desc.get(), sizeof mode->desc);
-        auto* grown = static_cast<vantrel_io_mode**>(
-            realloc(modes, (static_cast<std::size_t>(count) + 2) * sizeof(vantrel_io_mode*)));
-        if (!grown || !read_mode_lists(env, fn, mode, subs.get(), osds.get())) {
-            if (grown) modes = grown;
-            free_mode(mode);
-            failed = true;
-            break;
-        }
-        modes = grown;
-        modes[count++] = mode;
-        modes[count] = nullptr;
-    }
-    if (failed) {
-        vantrel_io_settings_modes_free(&modes);
-        return VANTREL_EFAULT;
-    }
-    *out = modes;
+        if (!read_mode_lists(env, fn, mode.get(), subs.get(), osds.get())) return VANTREL_EFAULT;
+        return modes.push(mode.release()) ? 0 : VANTREL_ENOMEM;
+    });
+    // Every failure, memory included, leaves the output null.
+    if (rc < 0) return VANTREL_EFAULT;
+    int count = modes.size();
+    *out = modes.release();
     return count;
 }
 

@@ -67,7 +67,8 @@ value edited(xmlrpc_value* structure, const std::string& key, xmlrpc_value* repl
         xmlrpc_value* member = nullptr;
         xmlrpc_struct_find_value(env.get(), structure, k.c_str(), &member);
         if (k != key) xmlrpc_struct_set_value(env.get(), copy.get(), k.c_str(), member);
-        else if (replacement) xmlrpc_struct_set_value(env.get(), copy.get(), k.c_str(), replacement);
+        else if (replacement)
+            xmlrpc_struct_set_value(env.get(), copy.get(), k.c_str(), replacement);
         xmlrpc_DECREF(member);
     }
     return copy;
@@ -245,7 +246,8 @@ std::vector<decoder_case> cases()
             value array = build("(V)", el);
             vantrel_lib_overlay** entries = nullptr;
             int rc = vantrel_lib_list_overlays_level(env, array.get(), level, &entries);
-            std::string text = entries && entries[0] ? std::string(entries[0]->path) + entries[0]->name : "";
+            std::string text;
+            if (entries && entries[0]) text = std::string(entries[0]->path) + entries[0]->name;
             vantrel_lib_overlays_free(&entries);
             return outcome{rc, text};
         };
@@ -310,8 +312,10 @@ std::vector<decoder_case> cases()
                                             "pos", 2, "idx", 3, "list", el);
                        vantrel_playlist_item* items = nullptr;
                        int g = 0, p = 0, i = 0;
-                       int rc = vantrel_playlist_items_decode(env, answer.get(), &g, &p, &i, &items);
-                       std::string text = rc > 0 ? std::string(items[0].name) + items[0].cookie : "";
+                       int rc =
+                           vantrel_playlist_items_decode(env, answer.get(), &g, &p, &i, &items);
+                       std::string text;
+                       if (rc > 0) text = std::string(items[0].name) + items[0].cookie;
                        free(items);
                        return outcome{rc, text};
                    },
