@@ -176,10 +176,12 @@ unsigned launch_conf_seq() { return conf_seq; }
 
 bool launch_runnable(const app& record)
 {
-    if (record.type <= APP_TYPE_NONE || record.type >= APP_TYPES_CNT) return false;
-    if (record.type == APP_TYPE_SCRIPT) return !record.bin_path.empty();
-    const char* exe = app_types[record.type].exe;
-    return exe && *exe;
+    // Only a row without any executable name has nothing to try. An empty name
+    // ("none", a script without its program) makes the path a directory, whose
+    // execution fails in the child and is reported as a start error like any
+    // wrong path.
+    if (record.type < APP_TYPE_NONE || record.type >= APP_TYPES_CNT) return false;
+    return app_types[record.type].exe != nullptr;
 }
 
 void launch_exec_path(const app& record, char* path, std::size_t size)

@@ -14,9 +14,8 @@ constexpr int EXIT_EXEC_FAILED = 128;     // the child's status when execve fail
 constexpr int FAST_EXIT_SECONDS = 4;      // an end this soon after the start counts as fast
 constexpr int FAST_EXITS_MAX = 5;         // one more fast end in a row stops respawning
 
-// Whether the type names something to execute ("gpi" and "none" do not, nor
-// a script without a program file). Never launching those keeps us from
-// exec'ing a directory.
+// Whether the type names an executable at all ("gpi" does not); the others are
+// launched, and a path that cannot be executed ends as a start error.
 bool launch_runnable(const app& record);
 
 // bin_path, or the supervisor's own directory, plus "/" and the type's executable

@@ -352,14 +352,23 @@ TEST_F(Supervision, MissingExecutableAndTypesWithoutOneAreStartErrors)
     missing->f_respawn = 1;
     app* gpi = add_app("gpi");
     gpi->f_respawn = 1;
+    // A slot whose type was refused, and a script without its program: both
+    // resolve to a directory, which the child fails to execute.
+    app* none = add_app("none");
+    none->t_run = 1;
+    app* script = add_app("script");
+    script->bin_path.clear();
+    script->t_run = 1;
     start();
     ASSERT_TRUE(wait_until(5000ms, [&] {
-        return missing->err.str() == "Start error" && missing->pid == 0 && gpi->err.str() == "Start error";
+        for (const app* a : {missing, gpi, none, script})
+            if (a->err.str() != "Start error" || a->pid != 0 || a->started != 0) return false;
+        return true;
     }));
-    EXPECT_EQ(locked<int>([&] { return missing->f_respawn + gpi->f_respawn; }), 0);
-    // Neither is tried again, and nothing was ever forked for the gpi app.
+    EXPECT_EQ(locked<int>([&] { return missing->f_respawn + gpi->f_respawn + none->f_respawn + script->f_respawn; }), 0);
+    // None is tried again, and nothing was ever forked for the gpi app.
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(forks_seen.load(), 1);
+    EXPECT_EQ(forks_seen.load(), 3);
     EXPECT_EQ(locked<int>([&] { return gpi->forker_cnt; }), 1);
 }
 
