@@ -677,7 +677,8 @@ int vantrel_lib_delete_item(const char* url, const char* path)
 
 int vantrel_lib_delete_dir(const char* url, const char* path)
 {
-    return path_call("vantrel_lib_delete_dir", m_delete_dir, url, path);
+    // Both delete calls report under the item's name; log readers rely on it.
+    return path_call("vantrel_lib_delete_item", m_delete_dir, url, path);
 }
 
 int vantrel_lib_rename_item(const char* url, const char* from, const char* to)

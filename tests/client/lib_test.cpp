@@ -315,11 +315,19 @@ TEST_F(lib_call, simple_calls_send_their_tuples)
     EXPECT_EQ(0, vantrel_lib_delete_subclip(url(), "a", 4));
     EXPECT_EQ("(\"a\",4)", stub.last_params());
 
-    stub.answer_fault(-3, "no");
+    // Both delete calls report under the item's name, the directory one too.
+    stub.answer(standin::missing_result());
     CaptureStderr();
     EXPECT_EQ(-14, vantrel_lib_delete_dir(url(), "d/e"));
     std::string err = GetCapturedStderr();
-    EXPECT_EQ(0u, err.find("vantrel_lib_delete_dir: xmlrpc_client_callX(" + std::string(url()) +
+    EXPECT_EQ("VantrelLib.LibDeleteDir", stub.last_method());
+    EXPECT_EQ(0u, err.find("vantrel_lib_delete_item: decompose value failed: ")) << err;
+
+    stub.answer_fault(-3, "no");
+    CaptureStderr();
+    EXPECT_EQ(-14, vantrel_lib_delete_dir(url(), "d/e"));
+    err = GetCapturedStderr();
+    EXPECT_EQ(0u, err.find("vantrel_lib_delete_item: xmlrpc_client_callX(" + std::string(url()) +
                            ",d/e) failed: "))
         << err;
     EXPECT_NE('\n', err.back());
