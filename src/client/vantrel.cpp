@@ -175,11 +175,15 @@ int array_size(xmlrpc_env* env, const char* fn, xmlrpc_value* array)
         else size = xmlrpc_array_size(env, array);
     }
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_array_size_failed(env, fn);
         return VANTREL_EFAULT;
     }
     return size;
+}
+
+void report_array_size_failed(const xmlrpc_env* env, const char* fn)
+{
+    fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env), env->fault_code);
 }
 
 }  // namespace vantrel

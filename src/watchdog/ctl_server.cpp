@@ -12,6 +12,7 @@
 #include <xmlrpc-c/server.h>
 #include <xmlrpc-c/server_abyss.h>
 
+#include "client/xmlrpc_fault_guard.h"
 #include "banner.h"
 #include "client/xmlrpc_raii.h"
 #include "ctl.h"
@@ -86,6 +87,7 @@ int ctl_init(instance* inst)
     if (!inst) return -EINVAL;
 
     xmlInitParser();
+    xmlrpc_fault_guard_install();
 
     ctl_state* ctl = new (std::nothrow) ctl_state{};
     if (!ctl) return -ENOMEM;
