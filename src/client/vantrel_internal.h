@@ -154,9 +154,12 @@ int for_each_element(xmlrpc_env* env, const char* fn, xmlrpc_value* array, int s
     return 0;
 }
 
-// The size of `array`, or -14 with "%s: xmlrpc_array_size failed: %s (%d)"
-// written under `fn` (a null array fails too).
+// The size of `array`, or -14 with the array_size line written under `fn`
+// (a null array fails too).
 int array_size(xmlrpc_env* env, const char* fn, xmlrpc_value* array);
+// "%s: xmlrpc_array_size failed: %s (%d)" from the fault in env: the line
+// with which a listing also reports a failed walk.
+void report_array_size_failed(const xmlrpc_env* env, const char* fn);
 
 // "%s: xmlrpc_decompose_value failed: %s (%d)" from the fault in env.
 void report_decompose_failed(const xmlrpc_env* env, const char* fn);

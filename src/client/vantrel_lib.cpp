@@ -337,8 +337,7 @@ int vantrel_lib_list_subclips_decode(xmlrpc_env* env, xmlrpc_value* answer,
     });
     if (rc == VANTREL_ENOMEM) return rc;
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_array_size_failed(env, fn);
         return VANTREL_EFAULT;
     }
     int count = records.size();
@@ -440,8 +439,7 @@ int vantrel_lib_list_overlays_decode(xmlrpc_env* env, xmlrpc_value* answer,
     if (result < 0) return result;
     int count = vantrel_lib_list_overlays_level(env, groups.get(), 0, list);
     if (env->fault_occurred) {
-        fprintf(stderr, "%s: xmlrpc_array_size failed: %s (%d)", fn, fault_text(env),
-                env->fault_code);
+        report_array_size_failed(env, fn);
         vantrel_lib_overlays_free(list);
         return VANTREL_EFAULT;
     }
