@@ -10,6 +10,7 @@ directory and runs as root, the supervisor runs as the unprivileged user
 import http.client
 import os
 import pwd
+import re
 import stat
 import subprocess
 import time
