@@ -1,0 +1,230 @@
+#!/usr/bin/env python3
+"""Every benchmark of the supervisor binary, printed as one table.
+
+    python3 bench/bench_all.py [path/to/VantrelWatchdog] [seconds-per-measurement]
+
+Measures, against the real binary on 127.0.0.1:
+  - GetStatus throughput and p50/p99 latency with 1024 configured applications,
+    1 and 8 clients, parsed (xmlrpc.client) and raw HTTP;
+  - resident memory with 1024 configured applications, and with 50 running children;
+  - supervisor CPU per second of wall time with those 50 quiet children;
+  - restart latency: from a child's end (SIGKILL from here) to the start of its
+    replacement (the first thing the replacement does is note the time);
+  - output capture throughput of one child writing to standard output as fast as it can.
+
+Every loop is bounded in count and time; only processes this script started
+are signalled. The binary defaults to $WATCHDOG_BIN, then build/src/VantrelWatchdog.
+"""
+
+import os
+import signal
+import sys
+import threading
+import time
+import xmlrpc.client
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e"))
+
+import getstatus_throughput  # noqa: E402  (its clients are reused)
+import rss_idle  # noqa: E402
+import watchdog_harness  # noqa: E402
+from watchdog_harness import Watchdog, wait_until  # noqa: E402
+
+APPS = 1024
+CHILDREN = 50
+RESTARTS = 30
+TYPES = getstatus_throughput.TYPES
+QUIET = "i=0\nwhile [ $i -lt 600 ]; do sleep 1; i=$((i+1)); done\n"
+# Notes its start in nanoseconds, then waits to be killed (bounded).
+NOTING = "echo \"$(date +%s%N) $$\" >> {starts}\nexec sleep 120\n"
+FLOODER = "exec yes 'capture throughput line, 64 bytes long .......................'\n"
+
+
+def percentile(values, p):
+    values = sorted(values)
+    return values[min(len(values) - 1, int(len(values) * p))] if values else float("nan")
+
+
+def cpu_seconds(pid):
+    return rss_idle.cpu_ticks(pid) / os.sysconf("SC_CLK_TCK")
+
+
+def getstatus_latency(port, clients, seconds, kind):
+    """(requests/s, p50 ms, p99 ms) over `seconds` with `clients` threads."""
+    lat = [[] for _ in range(clients)]
+    errors = []
+    deadline = time.monotonic() + seconds
+
+    def run(slot):
+        conn = kind(port)
+        try:
+            for _ in range(getstatus_throughput.MAX_REQUESTS_PER_CLIENT):
+                if time.monotonic() >= deadline:
+                    break
+                t0 = time.monotonic()
+                conn.call()
+                lat[slot].append(time.monotonic() - t0)
+        except Exception as exc:  # noqa: BLE001 - reported below
+            errors.append(repr(exc))
+        finally:
+            conn.close()
+
+    began = time.monotonic()
+    threads = [threading.Thread(target=run, args=(i,)) for i in range(clients)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(seconds + 60)
+    if errors:
+        raise RuntimeError("; ".join(errors[:3]))
+    every = [x for per in lat for x in per]
+    return len(every) / (time.monotonic() - began), percentile(every, 0.5) * 1e3, percentile(every, 0.99) * 1e3
+
+
+def bench_getstatus(rows, seconds):
+    wd = Watchdog()
+    try:
+        lines = []
+        for i in range(APPS):
+            lines += ["--%s=/cfg/app%04d" % (TYPES[i % len(TYPES)], i), "--alias=App %04d" % i,
+                      "--thumb=thumb%04d.png" % i]
+        wd.write_conf(lines)
+        wd.start()
+        wd.wait_port(timeout=30)
+        wd.wait_log(r"Will care about %d apps" % APPS, timeout=10)
+        time.sleep(1.0)
+        mem = rss_idle.status_kib(wd.proc.pid)
+        rows.append(("resident memory, %d configured apps, none running" % APPS, "%.1f MiB" % (mem["VmRSS"] / 1024)))
+        for kind, label in ((getstatus_throughput.RpcClient, "xmlrpc.client"),
+                            (getstatus_throughput.RawClient, "raw HTTP")):
+            for clients in (1, 8):
+                rate, p50, p99 = getstatus_latency(wd.port, clients, seconds, kind)
+                rows.append(("GetStatus, %d apps, %d client(s), %s" % (APPS, clients, label),
+                             "%.0f req/s, p50 %.1f ms, p99 %.1f ms" % (rate, p50, p99)))
+        wd.stop(timeout=30)
+    finally:
+        wd.cleanup()
+
+
+def bench_children(rows, seconds):
+    wd = Watchdog()
+    try:
+        wd.add_script("VantrelLib", QUIET)
+        lines = []
+        for i in range(CHILDREN):
+            lines += ["--lib=/cfg/lib%02d" % i, "--bin-path=" + wd.bin_dir, "--env=PATH=/usr/bin:/bin", "--autorun=1"]
+        wd.write_conf(lines)
+        wd.start()
+        wd.wait_port(timeout=30)
+        rpc = wd.rpc()
+        running = wait_until(lambda: sum(1 for e in rpc.VantrelWatchdog.GetStatus()["list"] if e["pid"]) == CHILDREN,
+                             timeout=30)
+        rpc("close")()
+        if not running:
+            raise RuntimeError("the %d children did not all start" % CHILDREN)
+        time.sleep(1.0)
+        pid = wd.proc.pid
+        mem = rss_idle.status_kib(pid)
+        cpu0, t0 = cpu_seconds(pid), time.monotonic()
+        time.sleep(seconds)
+        cpu = (cpu_seconds(pid) - cpu0) / (time.monotonic() - t0)
+        rows.append(("resident memory, %d running children" % CHILDREN, "%.1f MiB, %s threads" % (
+            mem["VmRSS"] / 1024, mem.get("Threads", "?"))))
+        rows.append(("supervisor CPU, %d quiet children" % CHILDREN, "%.2f%% of one core" % (cpu * 100)))
+        wd.stop(timeout=60)
+    finally:
+        wd.cleanup()
+
+
+def read_starts(path):
+    try:
+        with open(path) as f:
+            return [(int(a) / 1e9, int(b)) for a, b in (line.split() for line in f if line.strip())]
+    except (OSError, ValueError):
+        return []
+
+
+def bench_restart(rows):
+    # Several applications, each killed only a few times, so the fast-exit
+    # brake (six ends within 4 s of their start) never engages.
+    apps = 10
+    wd = Watchdog()
+    try:
+        lines = []
+        for i in range(apps):
+            starts = wd.path("starts%d" % i)
+            name = "run%d.sh" % i
+            wd.add_script(name, NOTING.format(starts=starts))
+            lines += ["--script=noting %d" % i, "--bin-path=" + os.path.join(wd.bin_dir, name),
+                      "--env=PATH=/usr/bin:/bin", "--respawn=1"]
+        wd.write_conf(lines)
+        wd.start()
+        wd.wait_port(timeout=30)
+        samples = []
+        for n in range(RESTARTS):
+            i = n % apps
+            path = wd.path("starts%d" % i)
+            if not wait_until(lambda: len(read_starts(path)) == n // apps + 1, timeout=10):
+                raise RuntimeError("application %d did not (re)start" % i)
+            pid = read_starts(path)[-1][1]
+            time.sleep(0.05)   # let its sleep take over the pid
+            t_kill = time.time()
+            os.kill(pid, signal.SIGKILL)
+            if not wait_until(lambda: len(read_starts(path)) == n // apps + 2, timeout=10):
+                raise RuntimeError("application %d was not restarted" % i)
+            samples.append(read_starts(path)[-1][0] - t_kill)
+        rows.append(("restart latency, child end to replacement start (%d restarts)" % len(samples),
+                     "median %.0f ms, p95 %.0f ms" % (percentile(samples, 0.5) * 1e3, percentile(samples, 0.95) * 1e3)))
+        wd.stop(timeout=60)
+    finally:
+        wd.cleanup()
+
+
+def bench_capture(rows, seconds):
+    wd = Watchdog()
+    try:
+        wd.add_script("VantrelLib", FLOODER)
+        os.mkdir(wd.log_path + ".sessions")   # the full path: ring and session file
+        wd.write_conf(["--lib=/cfg/flood", "--bin-path=" + wd.bin_dir, "--env=PATH=/usr/bin:/bin"])
+        wd.start()
+        wd.wait_port(timeout=30)
+        rpc = wd.rpc()
+        rpc.VantrelWatchdog.SetField(0, "", "t_run", "")
+        wait_until(lambda: rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)["tail"] > 0, timeout=10)
+        tail0, t0 = rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)["tail"], time.monotonic()
+        time.sleep(seconds)
+        tail1, t1 = rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)["tail"], time.monotonic()
+        rate = (tail1 - tail0) / (t1 - t0)
+        rows.append(("output capture, one child writing as fast as it can",
+                     "%.2f MiB/s (ring and session file)" % (rate / 2**20)))
+        rpc.VantrelWatchdog.SetField(0, "", "t_term", "")
+        rpc("close")()
+        wd.stop(timeout=30)
+    finally:
+        wd.cleanup()
+
+
+def main():
+    binary = (sys.argv[1] if len(sys.argv) > 1 else
+              os.environ.get("WATCHDOG_BIN") or os.path.join(HERE, "..", "build", "src", "VantrelWatchdog"))
+    seconds = min(float(sys.argv[2]), 60.0) if len(sys.argv) > 2 else 5.0
+    watchdog_harness.BIN = os.path.abspath(binary)
+    rows = []
+    for step in (lambda: bench_getstatus(rows, seconds), lambda: bench_children(rows, seconds),
+                 lambda: bench_restart(rows), lambda: bench_capture(rows, seconds)):
+        try:
+            step()
+        except Exception as exc:  # noqa: BLE001 - one failed measurement must not hide the others
+            rows.append(("(a measurement failed)", repr(exc)[:100]))
+    width = max(len(r[0]) for r in rows)
+    print("| %-*s | %s |" % (width, "measurement", "result"))
+    print("|-%s-|-%s-|" % ("-" * width, "-" * 40))
+    for name, value in rows:
+        print("| %-*s | %s |" % (width, name, value))
+    return 0 if not any(r[0].startswith("(a measurement failed)") for r in rows) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
