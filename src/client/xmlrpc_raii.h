@@ -73,58 +73,47 @@ private:
 // every value it extracted, yet leaves the caller's pointers set: nothing is
 // owned until the decomposition has succeeded and decoded_adopt() is called.
 // Until then get() gives "" (or null), so a forgotten adopt shows at once.
-class decoded_text {
+template <typename T, void (*Release)(T*)>
+class decoded {
 public:
-    decoded_text() = default;
-    ~decoded_text() { drop(); }
-    decoded_text(const decoded_text&) = delete;
-    decoded_text& operator=(const decoded_text&) = delete;
+    decoded() = default;
+    ~decoded() { drop(); }
+    decoded(const decoded&) = delete;
+    decoded& operator=(const decoded&) = delete;
 
-    const char** out()
+    T** out()
     {
         drop();
-        return &text_;
+        return &held_;
     }
-    void adopt() { owned_ = text_ != nullptr; }
-    const char* get() const { return owned_ ? text_ : ""; }
+    void adopt() { owned_ = held_ != nullptr; }
+
+protected:
+    T* held() const { return owned_ ? held_ : nullptr; }
 
 private:
     void drop()
     {
-        if (owned_) free(const_cast<char*>(text_));
-        text_ = nullptr;
+        if (owned_) Release(held_);
+        held_ = nullptr;
         owned_ = false;
     }
 
-    const char* text_ = nullptr;
+    T* held_ = nullptr;
     bool owned_ = false;
 };
 
-class decoded_value {
+inline void decoded_free_text(const char* text) { free(const_cast<char*>(text)); }
+inline void decoded_release_value(xmlrpc_value* value) { xmlrpc_DECREF(value); }
+
+class decoded_text : public decoded<const char, decoded_free_text> {
 public:
-    decoded_value() = default;
-    ~decoded_value() { drop(); }
-    decoded_value(const decoded_value&) = delete;
-    decoded_value& operator=(const decoded_value&) = delete;
+    const char* get() const { return held() ? held() : ""; }
+};
 
-    xmlrpc_value** out()
-    {
-        drop();
-        return &value_;
-    }
-    void adopt() { owned_ = value_ != nullptr; }
-    xmlrpc_value* get() const { return owned_ ? value_ : nullptr; }
-
-private:
-    void drop()
-    {
-        if (owned_) xmlrpc_DECREF(value_);
-        value_ = nullptr;
-        owned_ = false;
-    }
-
-    xmlrpc_value* value_ = nullptr;
-    bool owned_ = false;
+class decoded_value : public decoded<xmlrpc_value, decoded_release_value> {
+public:
+    xmlrpc_value* get() const { return held(); }
 };
 
 // Takes over every output of a decomposition that succeeded.
