@@ -1,7 +1,6 @@
 // The option-file writer: exact file text, backups, failures, and that what it
 // writes reads back through the option reader to the same configuration.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -17,18 +16,13 @@
 #include "conf_writer.h"
 #include "instance.h"
 #include "options.h"
+#include "unit_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string slurp(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using namespace unit_support;
 
 int count_lines(const std::string& text, const std::string& prefix)
 {
@@ -44,29 +38,19 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(instance_create(&inst_), 0);
-        char pattern[] = "/tmp/conf-writer-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        path_ = (dir_ / "watchdog.conf").string();
     }
     void TearDown() override
     {
         instance_destroy(&inst_);
         instance_destroy(&back_);
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
     }
 
     // Fills inst_ through the reader, as at start-up.
     void configure(std::vector<std::string> args)
     {
-        args.insert(args.begin(), "VantrelWatchdog");
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        ::testing::internal::CaptureStderr();
-        ASSERT_EQ(instance_opts(inst_, static_cast<int>(args.size()), argv.data()), 0);
-        ASSERT_EQ(::testing::internal::GetCapturedStderr(), "");
+        std::string err;
+        ASSERT_EQ(read_options(inst_, std::move(args), err), 0);
+        ASSERT_EQ(err, "");
         inst_->conf_file.set(path_);
     }
 
@@ -82,11 +66,9 @@ protected:
     void read_back()
     {
         ASSERT_EQ(instance_create(&back_), 0);
-        std::string prog = "VantrelWatchdog";
-        std::vector<char*> argv{prog.data(), path_.data(), nullptr};
-        ::testing::internal::CaptureStderr();
-        ASSERT_EQ(instance_opts(back_, 2, argv.data()), 0);
-        ASSERT_EQ(::testing::internal::GetCapturedStderr(), "");
+        std::string err;
+        ASSERT_EQ(read_options(back_, {path_}, err), 0);
+        ASSERT_EQ(err, "");
     }
 
     std::vector<fs::path> backups()
@@ -99,8 +81,9 @@ protected:
 
     instance* inst_ = nullptr;
     instance* back_ = nullptr;
-    fs::path dir_;
-    std::string path_;
+    scratch_dir scratch_{"conf-writer-test"};
+    fs::path dir_ = scratch_.path();
+    std::string path_ = (dir_ / "watchdog.conf").string();
     std::string log_;
 };
 
@@ -109,7 +92,7 @@ TEST_F(ConfWriterTest, WritesGlobalsThenOneBlockPerApplication)
     configure({"--demonize", "--instance-name=studio1", "--elem_mixer=/cfg/mixer.xml", "--alias=Mixer 1",
                "--respawn=1", "--autorun=1", "--env=MIXER_MODE=2", "--raw=--xmlrpc-port=9101"});
     ASSERT_EQ(save(), 0);
-    EXPECT_EQ(slurp(path_),
+    EXPECT_EQ(file_text(path_),
               "--demonize\n"
               "--instance-name=studio1\n"
               "--port=9000\n"
@@ -132,7 +115,7 @@ TEST_F(ConfWriterTest, FieldOrderEmptyValuesAndUnwrittenSettings)
                "--raw=b", "--env=E=1", "--numa-bind=0", "--bin-path=/b", "--thumb=t", "--alias=a",
                "--respawn=5"});
     ASSERT_EQ(save(), 0);
-    EXPECT_EQ(slurp(path_),
+    EXPECT_EQ(file_text(path_),
               "--debug\n"
               "--instance-name=\n"
               "--port=9100\n"
@@ -154,7 +137,7 @@ TEST_F(ConfWriterTest, RecordsWithoutTypeAreSkipped)
     configure({"--lib=a", "--io=b"});
     inst_->apps[0]->type = APP_TYPE_NONE;
     ASSERT_EQ(save(), 0);
-    std::string text = slurp(path_);
+    std::string text = file_text(path_);
     EXPECT_EQ(text.find("--none="), std::string::npos);
     EXPECT_EQ(count_lines(text, "--io=b"), 1);
 }
@@ -171,7 +154,7 @@ TEST_F(ConfWriterTest, ReadsBackToTheSameConfiguration)
         args.push_back(more);
     configure(args);
     ASSERT_EQ(save(), 0);
-    std::string text = slurp(path_);
+    std::string text = file_text(path_);
     EXPECT_EQ(count_lines(text, "--env="), 64);
     EXPECT_EQ(count_lines(text, "--respawn=1"), 1);
     read_back();
@@ -250,8 +233,8 @@ TEST_F(ConfWriterTest, PreviousFileIsKeptUnderATimestampedName)
     long usec = std::stol(m[2]);
     EXPECT_GE(sec * 1000000 + usec, before.tv_sec * 1000000L + before.tv_usec);
     EXPECT_LE(sec * 1000000 + usec, after.tv_sec * 1000000L + after.tv_usec);
-    EXPECT_EQ(slurp(found[0]), "old contents\n");
-    EXPECT_NE(slurp(path_).find("--lib=x\n"), std::string::npos);
+    EXPECT_EQ(file_text(found[0]), "old contents\n");
+    EXPECT_NE(file_text(path_).find("--lib=x\n"), std::string::npos);
 
     // Backups accumulate: a second rewrite keeps both.
     ASSERT_EQ(save(), 0);

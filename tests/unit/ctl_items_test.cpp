@@ -10,27 +10,12 @@
 #include "client/xmlrpc_raii.h"
 #include "ctl_methods.h"
 #include "instance.h"
+#include "unit_support.h"
 
 namespace {
 
+using namespace unit_support;
 using strings = std::vector<std::string>;
-
-xmlrpc_value* string_array(xmlrpc_env* env, const strings& items)
-{
-    xmlrpc_value* array = xmlrpc_array_new(env);
-    for (const std::string& item : items) {
-        xmlrpc_value_ref value(xmlrpc_string_new(env, item.c_str()));
-        xmlrpc_array_append_item(env, array, value.get());
-    }
-    return array;
-}
-
-std::string hex(uint64_t handle)
-{
-    char text[32];
-    snprintf(text, sizeof text, "%" PRIx64, handle);
-    return text;
-}
 
 struct item_request {
     int idx = -1;
@@ -60,13 +45,7 @@ protected:
 
     // Calls SetItem with `params`; the reply's "ret", or INT32_MIN for a fault
     // (whose code lands in last_fault).
-    int call_set(xmlrpc_value* params)
-    {
-        xmlrpc_env_guard env;
-        xmlrpc_value_ref reply(ctl_method_SetItem(env.get(), params, inst, nullptr));
-        xmlrpc_DECREF(params);
-        return ret_of(env, reply);
-    }
+    int call_set(xmlrpc_value* params) { return call_ret(ctl_method_SetItem, params, inst, &last_fault); }
 
     int set_item(const item_request& r)
     {
@@ -137,19 +116,6 @@ protected:
             out.emplace_back(text.get());
         }
         return out;
-    }
-
-    int ret_of(xmlrpc_env_guard& env, const xmlrpc_value_ref& reply)
-    {
-        if (env.failed()) {
-            EXPECT_FALSE(reply) << "a fault comes without a reply";
-            last_fault = env.fault_code();
-            return INT32_MIN;
-        }
-        int ret = 0;
-        xmlrpc_decompose_value(env.get(), reply.get(), "{s:i,*}", "ret", &ret);
-        EXPECT_FALSE(env.failed());
-        return ret;
     }
 
     instance* inst = nullptr;

@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cinttypes>
-#include <cstdio>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -19,8 +17,11 @@
 #include "instance.h"
 #include "os_ops.h"
 #include "system_runner.h"
+#include "unit_support.h"
 
 namespace {
+
+using namespace unit_support;
 
 std::vector<std::string> g_commands;                  // what the fake runner was asked to run
 std::vector<std::pair<pid_t, int>> g_signals;         // what the fake kill was asked to send
@@ -40,13 +41,6 @@ int record_kill(pid_t pid, int sig)
 // Installed during static initialisation, before main and before any handler
 // can reach the real runner.
 const bool g_fake_runner_installed = (system_runner_set(record_command), true);
-
-std::string hex(uint64_t handle)
-{
-    char text[32];
-    snprintf(text, sizeof text, "%" PRIx64, handle);
-    return text;
-}
 
 struct log_line {
     char mark;
@@ -91,17 +85,9 @@ protected:
     // The reply's "ret"; INT32_MIN for a fault.
     int call(xmlrpc_value* params)
     {
-        xmlrpc_env_guard env;
-        xmlrpc_value_ref reply(ctl_method_SetField(env.get(), params, inst, nullptr));
-        xmlrpc_DECREF(params);
-        if (env.failed()) {
-            EXPECT_FALSE(reply);
-            return INT32_MIN;
-        }
-        int ret = 0;
-        xmlrpc_decompose_value(env.get(), reply.get(), "{s:i,*}", "ret", &ret);
-        EXPECT_FALSE(env.failed());
-        EXPECT_EQ(xmlrpc_struct_size(env.get(), reply.get()), 1);
+        int members = 1;
+        int ret = call_ret(ctl_method_SetField, params, inst, nullptr, &members);
+        EXPECT_EQ(members, 1) << "the reply holds only ret";
         return ret;
     }
 

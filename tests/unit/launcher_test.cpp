@@ -6,26 +6,19 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "app_types.h"
 #include "instance.h"
 #include "launcher.h"
+#include "unit_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string file_text(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
-}
+using namespace unit_support;
 
 std::vector<std::string> vec(const char* const v[LAUNCH_VEC_SLOTS])
 {

@@ -10,28 +10,24 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "log/log.h"
 #include "log/log_hooks.h"
+#include "unit_support.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
 
+using namespace unit_support;
+
 const std::regex LINE_SHAPE(R"(^[ !?] \[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] .*$)");
 
-std::vector<std::string> read_lines(const fs::path& path)
-{
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
+std::vector<std::string> read_lines(const fs::path& path) { return lines_of(file_text(path)); }
 
 // Polls (bounded) until the file holds at least `n` lines.
 bool wait_lines(const fs::path& path, std::size_t n, std::chrono::milliseconds limit = 5s)
@@ -56,22 +52,15 @@ std::vector<fs::path> rotated_files(const fs::path& path)
 
 class LogFileTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/log_test_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        file_ = dir_ / "w.log";
-        log_set_stderr(0);
-    }
+    void SetUp() override { log_set_stderr(0); }
     void TearDown() override
     {
         log_stop();
         log_set_stderr(1);
-        fs::remove_all(dir_);
     }
-    fs::path dir_;
-    fs::path file_;
+    scratch_dir scratch_{"log_test"};
+    fs::path dir_ = scratch_.path();
+    fs::path file_ = dir_ / "w.log";
 };
 
 }  // namespace

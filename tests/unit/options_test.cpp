@@ -1,11 +1,9 @@
 // The option reader: defaults, the getopt_long rules, option files and their
 // nesting, the messages on standard error and the capacities of the records.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -13,10 +11,13 @@
 #include "banner.h"
 #include "instance.h"
 #include "options.h"
+#include "unit_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using namespace unit_support;
 
 const std::string usage_tail =
     "Usage:\n"
@@ -40,44 +41,24 @@ std::string incorrect(const std::string& arg)
 
 class OptionsTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(instance_create(&inst_), 0);
-        char pattern[] = "/tmp/opts-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override
-    {
-        instance_destroy(&inst_);
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
+    void SetUp() override { ASSERT_EQ(instance_create(&inst_), 0); }
+    void TearDown() override { instance_destroy(&inst_); }
 
     std::string file(const std::string& name, const std::string& text)
     {
         std::string path = (dir_ / name).string();
-        std::ofstream(path, std::ios::binary) << text;
+        write_file(path, text);
         return path;
     }
 
     // Runs one command-line pass; err_ receives what it wrote to stderr.
-    int run(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), "VantrelWatchdog");
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        ::testing::internal::CaptureStderr();
-        int r = instance_opts(inst_, static_cast<int>(args.size()), argv.data());
-        err_ = ::testing::internal::GetCapturedStderr();
-        return r;
-    }
+    int run(std::vector<std::string> args) { return read_options(inst_, std::move(args), err_); }
 
     const app& at(int i) { return *inst_->apps[i]; }
 
     instance* inst_ = nullptr;
-    fs::path dir_;
+    scratch_dir scratch_{"opts-test"};
+    fs::path dir_ = scratch_.path();
     std::string err_;
 };
 

@@ -5,11 +5,8 @@
 // Children are small shell scripts, or this very test program started under
 // an application's executable name: with WD_TEST_CHILD=record in its
 // environment it writes down what it was given and exits before any test runs.
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,9 +16,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <future>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +25,7 @@
 #include "instance.h"
 #include "os_ops.h"
 #include "respawner.h"
+#include "supervision_fixture.h"
 
 extern char** environ;
 namespace fs = std::filesystem;
@@ -101,21 +96,7 @@ __attribute__((used, section(".init_array"))) int (*child_hook_entry)(int, char*
 
 // ---- test side ------------------------------------------------------------
 
-std::string file_text(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
-}
-
-std::vector<std::string> lines_of(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
+using namespace unit_support;
 
 std::vector<std::string> values_of(const std::string& record, const std::string& key)
 {
@@ -125,139 +106,22 @@ std::vector<std::string> values_of(const std::string& record, const std::string&
     return out;
 }
 
-int open_fd_count()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir) return -1;
-    for (int i = 0; i < 100000 && readdir(dir); i++) count++;
-    closedir(dir);
-    return count;
-}
-
 std::atomic<int> forks_seen{0};
 pid_t counting_fork()
 {
     forks_seen++;
     return child_registry_fork();
 }
-pid_t failing_fork()
-{
-    forks_seen++;
-    errno = EAGAIN;
-    return -1;
-}
 
-class Supervision : public ::testing::Test {
+class Supervision : public supervision_fixture {
 protected:
+    Supervision() : supervision_fixture("respawner_test") {}
     void SetUp() override
     {
-        char tmpl[] = "/tmp/respawner_test-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        fs::create_directory(dir_ / "bin");
-        fs::create_directory(dir_ / "wd.log.sessions");
-        ASSERT_EQ(instance_create(&inst_), 0);
-        inst_->log_file_name.set((dir_ / "wd.log").string());
-        inst_->p_sig_cnt = &sig_cnt_;
+        supervision_fixture::SetUp();
         forks_seen = 0;
         watchdog_os.fork = counting_fork;
     }
-    void TearDown() override
-    {
-        stop();
-        os_ops_reset();
-        if (inst_) {
-            for (int i = 0; i < inst_->cnt; i++)
-                if (!inst_->apps[i]->child_conf_file.empty()) unlink(inst_->apps[i]->child_conf_file.c_str());
-        }
-        instance_destroy(&inst_);
-        fs::remove_all(dir_);
-    }
-
-    fs::path bin() const { return dir_ / "bin"; }
-    void script(const fs::path& path, const std::string& body)
-    {
-        std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
-        fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
-    }
-    // An app of `type` whose executable in bin/ is a shell script with `body`.
-    app* add_script_app(const char* type, const std::string& body)
-    {
-        script(bin() / app_types[instance_apps_lookup(type)].exe, body);
-        return add_app(type);
-    }
-    app* add_app(const char* type)
-    {
-        app* r = app_new();
-        r->type = instance_apps_lookup(type);
-        r->bin_path.set(bin().string());
-        r->envs.append("PATH=/usr/bin:/bin");
-        instance_lock_guard guard(inst_);
-        EXPECT_EQ(instance_slot_append(inst_, r), 0);
-        return r;
-    }
-    void start()
-    {
-        watchdog_respawner_start(inst_);
-        started_ = true;
-    }
-    // Asks for shutdown, kills what still runs and waits for the thread's end.
-    void stop()
-    {
-        if (!started_) return;
-        {
-            instance_lock_guard guard(inst_);
-            sig_cnt_ = 1;
-            for (int i = 0; i < inst_->cnt; i++)
-                if (inst_->apps[i]->pid) kill(inst_->apps[i]->pid, SIGKILL);
-        }
-        EXPECT_TRUE(join_within(10s));
-    }
-    bool join_within(std::chrono::seconds limit)
-    {
-        if (!started_) return true;
-        auto joined = std::async(std::launch::async, [this] { watchdog_respawner_join(inst_); });
-        bool in_time = joined.wait_for(limit) == std::future_status::ready;
-        if (!in_time) {
-            // Unblock a hung thread rather than hang the test program.
-            instance_lock_guard guard(inst_);
-            for (int i = 0; i < inst_->cnt; i++)
-                if (inst_->apps[i]->pid) kill(inst_->apps[i]->pid, SIGKILL);
-        }
-        joined.wait();
-        started_ = false;
-        return in_time;
-    }
-    // Polls `pred` under the lock until it holds or `limit` passes.
-    bool wait_until(std::chrono::milliseconds limit, const std::function<bool()>& pred)
-    {
-        auto deadline = steady::now() + limit;
-        for (int round = 0; round < 100000; round++) {
-            {
-                instance_lock_guard guard(inst_);
-                if (pred()) return true;
-            }
-            if (steady::now() >= deadline) return false;
-            std::this_thread::sleep_for(5ms);
-        }
-        return false;
-    }
-    bool wait_file(const fs::path& path, std::chrono::milliseconds limit)
-    {
-        return wait_until(limit, [&] { return fs::exists(path); });
-    }
-    template <typename T>
-    T locked(const std::function<T()>& read)
-    {
-        instance_lock_guard guard(inst_);
-        return read();
-    }
-
-    fs::path dir_;
-    instance* inst_ = nullptr;
-    std::atomic<int> sig_cnt_{0};
-    bool started_ = false;
 };
 
 TEST_F(Supervision, ChildSeesItsArgumentsEnvironmentOptionFileAndCleanState)
@@ -330,7 +194,7 @@ TEST_F(Supervision, ChildSeesItsArgumentsEnvironmentOptionFileAndCleanState)
 TEST_F(Supervision, ScriptTypeRunsBinPathWithRawsAsArguments)
 {
     fs::path tool = dir_ / "tool.sh";
-    script(tool, "printf '%s\\n' \"$@\" > " + (dir_ / "args.part").string() + "; mv " +
+    write_script(tool, "printf '%s\\n' \"$@\" > " + (dir_ / "args.part").string() + "; mv " +
                      (dir_ / "args.part").string() + " " + (dir_ / "args").string());
     app* s = add_app("script");
     s->bin_path.set(tool.string());
@@ -489,26 +353,6 @@ TEST_F(Supervision, NothingIsLaunchedOnceShutdownWasRequested)
     EXPECT_TRUE(join_within(5s));
     EXPECT_EQ(forks_seen.load(), 0);
     EXPECT_EQ(r->forker_cnt, 0);
-}
-
-TEST_F(Supervision, FailedForksAreRetriedEveryPassAndLeaveNothingOpen)
-{
-    app* r = add_script_app("lib", "echo x >> " + (dir_ / "starts").string() + "\nexec sleep 60");
-    r->f_respawn = 1;
-    int fds_before = open_fd_count();
-    watchdog_os.fork = failing_fork;
-    start();
-    ASSERT_TRUE(wait_until(3000ms, [&] { return forks_seen.load() >= 3; }));
-    {
-        instance_lock_guard guard(inst_);
-        EXPECT_EQ(r->pid, 0);
-        EXPECT_EQ(r->f_respawn, 1);
-        for (const std_pipe& p : r->std_pipes) EXPECT_TRUE(p.rd == -1 && p.wr == -1);
-        EXPECT_EQ(open_fd_count(), fds_before);
-        watchdog_os.fork = counting_fork;
-    }
-    ASSERT_TRUE(wait_until(3000ms, [&] { return r->pid != 0; }));
-    EXPECT_TRUE(wait_file(dir_ / "starts", 3000ms));
 }
 
 TEST_F(Supervision, NoDescriptorsLeakAcrossLaunches)

@@ -9,17 +9,19 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "instance.h"
 #include "log/log.h"
 #include "run_phase.h"
+#include "unit_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using namespace unit_support;
 
 const char* const INHERITED[] = {"VANTREL_ELEMENTS_DEVICE", "CUDA_MPS_LOG_DIRECTORY", "CUDA_VISIBLE_DEVICES"};
 
@@ -30,9 +32,6 @@ protected:
         ASSERT_EQ(instance_create(&inst_), 0);
         inst_->p_sig_cnt = &count_;
         for (const char* name : INHERITED) unsetenv(name);
-        char tmpl[] = "/tmp/run_phase_test_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
         log_set_stderr(0);
         ASSERT_EQ(log_start((dir_ / "w.log").c_str(), 86400), 0);
     }
@@ -46,7 +45,6 @@ protected:
         log_set_stderr(1);
         for (const char* name : INHERITED) unsetenv(name);
         instance_destroy(&inst_);
-        fs::remove_all(dir_);
     }
 
     // Messages of the log so far (stops the log).
@@ -54,8 +52,7 @@ protected:
     {
         log_stop();
         std::vector<std::string> out;
-        std::ifstream in(dir_ / "w.log");
-        for (std::string line; std::getline(in, line);) out.push_back(line.substr(28));
+        for (const std::string& line : lines_of(file_text(dir_ / "w.log"))) out.push_back(line.substr(28));
         return out;
     }
 
@@ -98,7 +95,8 @@ protected:
 
     instance* inst_ = nullptr;
     std::atomic<int> count_{0};
-    fs::path dir_;
+    scratch_dir scratch_{"run_phase_test"};
+    fs::path dir_ = scratch_.path();
     std::vector<pid_t> children_;
 };
 

@@ -7,17 +7,18 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 
 #include "instance.h"
 #include "std_capture.h"
+#include "unit_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using namespace unit_support;
 
 // Byte at stream position p of the test streams: never periodic within a ring.
 char stream_byte(uint64_t p) { return static_cast<char>((p * 7 + p / 251) & 0xff); }
@@ -33,14 +34,6 @@ std::string ring_bytes(const std_ring& ring)
 {
     if (!ring.buf) return {};
     return std::string(ring.buf.get(), static_cast<size_t>(ring.tail - ring.head));
-}
-
-std::string file_bytes(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
 }
 
 TEST(StdRing, FortyThousandBytesKeepTheNewest32768)
@@ -95,9 +88,6 @@ protected:
     {
         setenv("TZ", "UTC", 1);
         tzset();
-        char tmpl[] = "/tmp/std_capture_test-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
         ASSERT_EQ(instance_create(&inst_), 0);
         inst_->log_file_name.set((dir_ / "wd.log").string());
         fs::create_directory(dir_ / "wd.log.sessions");
@@ -120,7 +110,6 @@ protected:
         }
         app_free(record_);
         instance_destroy(&inst_);
-        fs::remove_all(dir_);
     }
     void feed(int fd_no, const std::string& data)
     {
@@ -128,7 +117,8 @@ protected:
     }
     fs::path session_file(int fd_no) { return dir_ / ("wd.log.sessions/20180504_130709-4711-" + std::to_string(fd_no)); }
 
-    fs::path dir_;
+    scratch_dir tmp_{"std_capture_test"};
+    fs::path dir_ = tmp_.path();
     instance* inst_ = nullptr;
     app* record_ = nullptr;
     char scratch_[STD_BUF_SIZE];
@@ -143,7 +133,7 @@ TEST_F(StdDrain, FortyThousandBytesReachTheRingAndAllReachTheSessionFile)
     EXPECT_EQ(ring.head, 7232u);
     EXPECT_EQ(ring.tail, 40000u);
     EXPECT_EQ(ring_bytes(ring), stream_bytes(7232, 40000));
-    EXPECT_EQ(file_bytes(session_file(1)), stream_bytes(0, 40000));
+    EXPECT_EQ(file_text(session_file(1)), stream_bytes(0, 40000));
     EXPECT_EQ(record_->std_bufs[2].tail, 0u);
 }
 
@@ -158,8 +148,8 @@ TEST_F(StdDrain, StreamsStayApartAndFilesGrowAcrossCollections)
     feed(1, "out-2;");
     watchdog_std_drain(inst_, record_, scratch_, 1);
     watchdog_std_drain(inst_, record_, scratch_, 2);
-    EXPECT_EQ(file_bytes(session_file(1)), "out-1;out-2;");
-    EXPECT_EQ(file_bytes(session_file(2)), "err-1;");
+    EXPECT_EQ(file_text(session_file(1)), "out-1;out-2;");
+    EXPECT_EQ(file_text(session_file(2)), "err-1;");
     EXPECT_EQ(ring_bytes(record_->std_bufs[1]), "out-1;out-2;");
     EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "err-1;");
 }
@@ -196,7 +186,7 @@ TEST_F(StdDrain, PositionsRunOnOverANewChildAndItsNewFiles)
     EXPECT_EQ(record_->std_bufs[1].head, 36000u - STD_BUF_SIZE);
     EXPECT_EQ(record_->std_bufs[1].tail, 36000u);
     EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(36000 - STD_BUF_SIZE, 36000));
-    EXPECT_EQ(file_bytes(dir_ / "wd.log.sessions/20180504_130809-4712-1"), stream_bytes(30000, 36000));
+    EXPECT_EQ(file_text(dir_ / "wd.log.sessions/20180504_130809-4712-1"), stream_bytes(30000, 36000));
     EXPECT_EQ(fs::file_size(session_file(1)), 30000u);
 }
 
