@@ -2,27 +2,19 @@
 list clearing, and persistence of the changes in the option file."""
 
 import glob
-import os
 import unittest
 import xmlrpc.client
 
-from watchdog_harness import BIN, Watchdog, wait_until
+from watchdog_harness import BIN, Watchdog, handles, wait_until
 
 ERANGE = -34
 ENOENT = -2
 
 
-def fake_system_env(wd):
-    """The binary's environment: machine commands are only recorded, never run."""
-    env = dict(os.environ)
-    env["VANTREL_WATCHDOG_FAKE_SYSTEM"] = wd.path("system.txt")
-    return env
-
-
 def start_watchdog(test, lines=()):
     wd = Watchdog(test)
     wd.write_conf(list(lines))
-    wd.start(env=fake_system_env(wd))
+    wd.start(env=wd.fake_system_env())
     wd.wait_port()
     return wd
 
@@ -42,10 +34,6 @@ def set_item(rpc, idx, ptr, type_name, alias="", thumb="", config="", bin_path="
 
 def status(rpc):
     return rpc.VantrelWatchdog.GetStatus()
-
-
-def handles(rpc):
-    return [entry["ptr"] for entry in status(rpc)["list"]]
 
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
@@ -155,7 +143,7 @@ class ItemPersistence(unittest.TestCase):
         before = [rpc.VantrelWatchdog.GetItem(i, "") for i in range(2)]
         self.assertEqual(wd.stop(), 0)
 
-        wd.start(env=fake_system_env(wd))
+        wd.start(env=wd.fake_system_env())
         wd.wait_port()
         rpc = open_rpc(self, wd)
         self.assertEqual(len(handles(rpc)), 2)

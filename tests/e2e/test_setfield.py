@@ -10,7 +10,7 @@ import os
 import re
 import unittest
 
-from watchdog_harness import BIN, LINE_RE, Watchdog, pid_alive, wait_until
+from watchdog_harness import BIN, LINE_RE, Watchdog, entries, handles, pid_alive, wait_until
 
 ERANGE = -34
 ENOENT = -2
@@ -27,27 +27,12 @@ while [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done
 """
 
 
-def fake_system_env(wd):
-    """The binary's environment: machine commands are only recorded, never run."""
-    env = dict(os.environ)
-    env["VANTREL_WATCHDOG_FAKE_SYSTEM"] = wd.path("system.txt")
-    return env
-
-
 def set_field(rpc, idx, ptr, field, val=""):
     return rpc.VantrelWatchdog.SetField(idx, ptr, field, val)["ret"]
 
 
-def entries(rpc):
-    return rpc.VantrelWatchdog.GetStatus()["list"]
-
-
 def aliases(rpc):
     return [e["alias"] for e in entries(rpc)]
-
-
-def handles(rpc):
-    return [e["ptr"] for e in entries(rpc)]
 
 
 class SetFieldCase(unittest.TestCase):
@@ -58,7 +43,7 @@ class SetFieldCase(unittest.TestCase):
         self.notes = self.wd.path("signals.txt")
         self.wd.add_script("VantrelElementsMixer", SIGNAL_NOTING_CHILD.format(notes=self.notes))
         self.wd.write_conf(self.APPS)
-        self.wd.start(env=fake_system_env(self.wd))
+        self.wd.start(env=self.wd.fake_system_env())
         self.wd.wait_port()
         self.rpc = self.wd.rpc()
         self.addCleanup(self.rpc("close"))
@@ -255,7 +240,7 @@ class SetFieldPersistence(SetFieldCase):
 
         items = [self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(4)]
         self.assertEqual(self.wd.stop(), 0)
-        self.wd.start(env=fake_system_env(self.wd))
+        self.wd.start(env=self.wd.fake_system_env())
         self.wd.wait_port()
         self.rpc = self.wd.rpc()
         self.addCleanup(self.rpc("close"))

@@ -27,8 +27,7 @@ while [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done
 
 
 def app(wd, type_name, prefix, *more):
-    return ["--%s=%s" % (type_name, wd.path(prefix)), "--bin-path=" + wd.bin_dir,
-            "--env=PATH=/usr/bin:/bin", "--autorun=1"] + list(more)
+    return wd.app_lines(type_name, prefix, "--autorun=1", *more)
 
 
 class TerminationSignal(unittest.TestCase):

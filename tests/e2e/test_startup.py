@@ -32,11 +32,6 @@ def clean_env(**extra):
     return env
 
 
-def app_lines(wd, type_name, prefix, *more):
-    return ["--%s=%s" % (type_name, wd.path(prefix)), "--bin-path=" + wd.bin_dir,
-            "--env=PATH=/usr/bin:/bin"] + list(more)
-
-
 class CommandLineExitStatus(unittest.TestCase):
     """Option errors end the process before anything runs."""
 
@@ -131,7 +126,7 @@ class ForegroundRun(unittest.TestCase):
 
     def test_busy_port_starts_nothing_and_exits_0(self):
         self.wd.add_script("VantrelElementsMixer", RECORDER)
-        self.wd.write_conf(app_lines(self.wd, "elem_mixer", "mixer", "--autorun=1"))
+        self.wd.write_conf(self.wd.app_lines("elem_mixer", "mixer", "--autorun=1"))
         with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as busy:
             busy.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             busy.bind((HOST, self.wd.port))
@@ -181,7 +176,7 @@ class ChildEnvironment(unittest.TestCase):
         self.assertTrue(BIN, "WATCHDOG_BIN is not set")
         self.wd = Watchdog(self)
         self.wd.add_script("VantrelElementsMixer", RECORDER)
-        self.wd.write_conf(app_lines(self.wd, "elem_mixer", "mixer", "--autorun=1"))
+        self.wd.write_conf(self.wd.app_lines("elem_mixer", "mixer", "--autorun=1"))
 
     def child_env(self):
         self.assertTrue(wait_until(lambda: os.path.exists(self.wd.path("mixer.started")), 10),
@@ -228,7 +223,7 @@ class StartFailures(unittest.TestCase):
         missing = self.wd.path("no-such-dir")
         self.wd.write_conf(
             ["--elem_mixer=mixer", "--bin-path=" + missing, "--env=PATH=/usr/bin:/bin", "--respawn=1"] +
-            app_lines(self.wd, "elem_matrix", "matrix", "--respawn=1"))
+            self.wd.app_lines("elem_matrix", "matrix", "--respawn=1"))
         self.wd.start()
         self.wd.wait_port()
         self.wd.wait_log(r"executable startup failed, check paths", timeout=15)

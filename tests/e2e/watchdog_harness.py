@@ -97,6 +97,15 @@ def pid_listening_on(port):
     return None
 
 
+def entries(rpc):
+    """GetStatus's list of slots."""
+    return rpc.VantrelWatchdog.GetStatus()["list"]
+
+
+def handles(rpc):
+    return [e["ptr"] for e in entries(rpc)]
+
+
 def log_messages(text):
     """The message part of every well-formed log line, in order."""
     out = []
@@ -125,6 +134,18 @@ class Watchdog:
     # --- files -----------------------------------------------------------
     def path(self, *parts):
         return os.path.join(self.dir, *parts)
+
+    def app_lines(self, type_name, prefix, *more):
+        """Option lines for one application whose config is a path prefix in
+        the temp dir and whose executable comes from bin_dir."""
+        return ["--%s=%s" % (type_name, self.path(prefix)), "--bin-path=" + self.bin_dir,
+                "--env=PATH=/usr/bin:/bin"] + list(more)
+
+    def fake_system_env(self):
+        """The binary's environment: machine commands are only recorded, never run."""
+        env = dict(os.environ)
+        env["VANTREL_WATCHDOG_FAKE_SYSTEM"] = self.path("system.txt")
+        return env
 
     def add_script(self, name, body):
         """Writes an executable /bin/sh script into bin_dir; returns its path."""
