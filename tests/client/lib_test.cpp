@@ -12,6 +12,7 @@
 #include "vantrel_decode_lib.h"
 #include "vantrel_lib.h"
 
+using standin::free_records;
 using standin::value;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
@@ -24,17 +25,6 @@ class lib_call : public standin::standin_test {};
 value item_named(const char* name)
 {
     return standin::build("{s:s,s:s}", "name", name, "duration", "1.5");
-}
-
-template <typename T>
-void free_records(T*** list)
-{
-    if (!*list) return;
-    // Arrays from listings hold exactly `count` records; the trailing slot
-    // the library keeps is a terminator.
-    for (T** r = *list; *r; ++r) free(*r);
-    free(*list);
-    *list = nullptr;
 }
 
 std::size_t count_of(const std::string& text, const std::string& needle)

@@ -12,6 +12,7 @@
 #include "standin_server.h"
 #include "vantrel.h"
 
+using standin::free_records;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -24,13 +25,6 @@ struct request_case {
     const char* params;
     std::function<void(const char* url)> run;
 };
-
-template <typename T>
-void free_records(T** list)
-{
-    for (T** r = list; r && *r; ++r) free(*r);
-    free(list);
-}
 
 std::vector<request_case> cases()
 {
@@ -53,19 +47,19 @@ std::vector<request_case> cases()
          [](const char* u) {
              vantrel_lib_dir** dirs = nullptr;
              vantrel_lib_list_dirs(u, "d", &dirs);
-             free_records(dirs);
+             free_records(&dirs);
          }},
         {"VantrelLib.LibListItems", R"(("d",1,2))",
          [](const char* u) {
              vantrel_lib_meta** items = nullptr;
              vantrel_lib_list_items2(u, "d", &items, 1, 2);
-             free_records(items);
+             free_records(&items);
          }},
         {"VantrelLib.LibListItems", R"(("d"))",
          [](const char* u) {
              vantrel_lib_meta** items = nullptr;
              vantrel_lib_list_items(u, "d", &items);
-             free_records(items);
+             free_records(&items);
          }},
         {"VantrelLib.LibMetaItem", R"(("p"))",
          [](const char* u) {
@@ -143,13 +137,13 @@ std::vector<request_case> cases()
          [](const char* u) {
              vantrel_sched_item** items = nullptr;
              vantrel_sched_item_list(u, &items);
-             free_records(items);
+             free_records(&items);
          }},
         {"VantrelSched.SchedListLogs", "()",
          [](const char* u) {
              vantrel_sched_log** logs = nullptr;
              vantrel_sched_log_list(u, &logs);
-             free_records(logs);
+             free_records(&logs);
          }},
         {"VantrelSched.SchedGetState", "()",
          [](const char* u) {

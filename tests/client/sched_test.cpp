@@ -10,6 +10,7 @@
 #include "vantrel_decode_sched.h"
 #include "vantrel_sched.h"
 
+using standin::free_records;
 using standin::value;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
@@ -37,15 +38,6 @@ value item_struct(int id, xmlrpc_int64 calc, bool with_transfer = true)
         }
     }
     return item;
-}
-
-template <typename T>
-void free_records(T*** list)
-{
-    if (!*list) return;
-    for (T** r = *list; *r; ++r) free(*r);
-    free(*list);
-    *list = nullptr;
 }
 
 TEST_F(sched_call, add_sends_sixteen_values_in_wire_order)

@@ -20,25 +20,6 @@ TEST(InstanceLifecycle, CreateRejectsANullHolder)
     EXPECT_EQ(instance_create(nullptr), -EINVAL);
 }
 
-TEST(InstanceLifecycle, FreshInstanceIsEmptyUntilTheReaderRuns)
-{
-    instance* inst = nullptr;
-    ASSERT_EQ(instance_create(&inst), 0);
-    ASSERT_NE(inst, nullptr);
-    EXPECT_EQ(inst->cnt, 0);
-    EXPECT_EQ(inst->amend, 0u);
-    EXPECT_EQ(inst->port, 0);
-    EXPECT_EQ(inst->log_rotate_interval, 0);
-    EXPECT_TRUE(inst->log_file_name.empty());
-    EXPECT_TRUE(inst->conf_file.empty());
-    EXPECT_TRUE(inst->instance_name.empty());
-    EXPECT_TRUE(inst->inherited_envs.empty());
-    EXPECT_EQ(inst->last_app, nullptr);
-    EXPECT_EQ(inst->ctl, nullptr);
-    EXPECT_EQ(inst->apps[0], nullptr);
-    EXPECT_EQ(instance_destroy(&inst), 0);
-}
-
 TEST(InstanceLifecycle, DestroyTwiceIsHarmless)
 {
     instance* inst = nullptr;

@@ -3,6 +3,7 @@
 // process, on a free 127.0.0.1 port and its own thread. Every request, whatever
 // its method, is recorded and answered with what the test scripted.
 #include <condition_variable>
+#include <cstdlib>
 #include <cstdarg>
 #include <deque>
 #include <initializer_list>
@@ -93,6 +94,17 @@ private:
     int port_ = 0;
     bool running_ = false;
 };
+
+// Frees a listing's record array and its records; the array ends with a null
+// slot after the last record.
+template <typename T>
+void free_records(T*** list)
+{
+    if (!*list) return;
+    for (T** r = *list; *r; ++r) free(*r);
+    free(*list);
+    *list = nullptr;
+}
 
 // Fixture: a fresh stand-in and a set-up client library for every test.
 class standin_test : public ::testing::Test {
