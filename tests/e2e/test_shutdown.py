@@ -45,6 +45,8 @@ class TerminationSignal(unittest.TestCase):
         self.wd.wait_port()
         started = lambda: all(os.path.exists(self.wd.path(p + ".started")) for p in ("mixer", "matrix"))
         self.assertTrue(wait_until(started, 10), self.wd.log())
+        # The log is written a moment after the children run.
+        self.wd.wait_log(r"forker's pid=[1-9]", count=2)
         return self.wd.child_pids()
 
     def count(self, needle):
@@ -106,6 +108,7 @@ class TerminationSignal(unittest.TestCase):
         self.wd.start()
         self.wd.wait_port()
         self.assertTrue(wait_until(lambda: os.path.exists(self.wd.path("mixer.started")), 10))
+        self.wd.wait_log(r"forker's pid=[1-9]")
         pid = self.wd.child_pids()[0]
         begin = time.monotonic()
         self.assertEqual(self.wd.stop(timeout=40), 0)

@@ -2,6 +2,7 @@
 populated listings, run times, element ports, and faults for bad parameters."""
 
 import os
+import re
 import time
 import unittest
 import xmlrpc.client
@@ -49,7 +50,7 @@ class EmptyInstance(unittest.TestCase):
         for args in (("secret",), (1, 2)):
             with self.assertRaises(xmlrpc.client.Fault):
                 self.rpc.VantrelWatchdog.GetAuth(*args)
-        self.assertIn("ctl_method_GetAuth: xmlrpc_decompose_value('secret', 'session') failed", self.wd.log())
+        self.wd.wait_log(re.escape("ctl_method_GetAuth: xmlrpc_decompose_value('secret', 'session') failed"))
 
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
