@@ -110,7 +110,8 @@ fi
 
 # 4. Fuzzers, each for FUZZ_SECONDS (default 30).
 if [ -z "${SKIP_FUZZ:-}" ]; then
-  fuzz_log="$out/build-fuzz-run.log"
+  mkdir -p "$out/build-fuzz"
+  fuzz_log="$out/build-fuzz/run.log"
   FUZZ_BUILD_DIR="$out/build-fuzz" bash tests/fuzz/run_fuzzers.sh 2>&1 | tee "$fuzz_log"
   line=$(grep -E "^fuzz: [0-9]+ passed, [0-9]+ failed" "$fuzz_log" | tail -1)
   if [ -n "$line" ]; then
