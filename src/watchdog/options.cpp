@@ -25,6 +25,9 @@ constexpr int DEFAULT_LOG_ROTATE_INTERVAL = 86400;
 constexpr int FILE_ARGS_MAX = 4095;        // argument lines one option file may hold
 constexpr int FILE_PIECES_MAX = 1 << 16;   // pieces read from one file, blank and comment lines included
 constexpr int FILE_DEPTH_MAX = 32;         // option files open inside one another
+// Option files read in one start: a file that names another many times over,
+// through several levels, would otherwise multiply the reading without end.
+constexpr int FILE_READS_MAX = 4096;
 
 // Every type option shares one val so that getopt_long resolves a prefix matched
 // only by type options to the first of them; the index tells them apart. Every
@@ -140,9 +143,12 @@ const char usage_text[] =
     "\n"
     "    -h, --help                         Show this help and usage\n";
 
-// Identity of the option files being read, outermost first: a file met again
-// while it is still open would be read forever.
-using file_chain = std::vector<std::pair<dev_t, ino_t>>;
+// Identity of the option files being read, outermost first (a file met again
+// while it is still open would be read forever), and how many were read so far.
+struct file_chain {
+    std::vector<std::pair<dev_t, ino_t>> open;
+    int reads = 0;
+};
 
 int opts_pass(instance* inst, int argc, char** argv, file_chain& chain);
 int opts_from_file(instance* inst, const char* path, file_chain& chain);
@@ -319,7 +325,7 @@ int opts_from_file(instance* inst, const char* path, file_chain& chain)
     }
     struct stat st {};
     if (fstat(fileno(f), &st) == 0) {
-        for (const auto& open : chain) {
+        for (const auto& open : chain.open) {
             if (open.first == st.st_dev && open.second == st.st_ino) {
                 fprintf(stderr, "%s: [%s] is already being read, skipped\n", "opts_from_file", path);
                 fclose(f);
@@ -327,7 +333,14 @@ int opts_from_file(instance* inst, const char* path, file_chain& chain)
             }
         }
     }
-    if (static_cast<int>(chain.size()) >= FILE_DEPTH_MAX) {
+    if (chain.reads >= FILE_READS_MAX) {
+        fprintf(stderr, "%s: [%s] skipped, more than %d option files read\n", "opts_from_file", path,
+                FILE_READS_MAX);
+        fclose(f);
+        return -ELOOP;
+    }
+    chain.reads++;
+    if (static_cast<int>(chain.open.size()) >= FILE_DEPTH_MAX) {
         fprintf(stderr, "%s: [%s] is nested deeper than %d files, skipped\n", "opts_from_file", path,
                 FILE_DEPTH_MAX);
         fclose(f);
@@ -345,9 +358,9 @@ int opts_from_file(instance* inst, const char* path, file_chain& chain)
         argv.reserve(lines.args.size() + 1);
         argv.push_back(const_cast<char*>(path));
         for (auto& arg : lines.args) argv.push_back(arg.data());
-        chain.emplace_back(st.st_dev, st.st_ino);
+        chain.open.emplace_back(st.st_dev, st.st_ino);
         r = opts_pass(inst, static_cast<int>(argv.size()), argv.data(), chain);
-        chain.pop_back();
+        chain.open.pop_back();
     }
     // Only a file read completely and accepted is the one to write back to.
     if (r == 0 && !lines.read_error) inst->conf_file.set(path);

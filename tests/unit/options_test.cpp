@@ -390,6 +390,22 @@ TEST_F(OptionsTest, CycleThroughTwoFilesIsStopped)
     EXPECT_EQ(inst_->conf_file.str(), a);
 }
 
+TEST_F(OptionsTest, FilesNamingOthersManyTimesStopAtTheReadBudget)
+{
+    // Four levels of 16 references each would be 16^4 reads; the budget of
+    // 4096 file reads ends it, with a message, and the configuration stands.
+    std::string leaf = file("leaf.conf", "--lib=x\n");
+    std::string below = leaf;
+    for (int level = 0; level < 4; level++) {
+        std::string text;
+        for (int i = 0; i < 16; i++) text += below + "\n";
+        below = file("level" + std::to_string(level) + ".conf", text);
+    }
+    EXPECT_EQ(run({below}), 0);
+    EXPECT_EQ(inst_->cnt, APPS_MAX);
+    EXPECT_NE(err_.find("skipped, more than 4096 option files read"), std::string::npos);
+}
+
 TEST_F(OptionsTest, FailingNestedPassKeepsItsEarlierOptions)
 {
     std::string inner = file("inner.conf", "--io=y\n--bogus\n--ltc=z\n");
