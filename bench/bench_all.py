@@ -32,10 +32,9 @@ import rss_idle  # noqa: E402
 import watchdog_harness  # noqa: E402
 from watchdog_harness import Watchdog, wait_until  # noqa: E402
 
-APPS = 1024
+APPS = getstatus_throughput.APPS
 CHILDREN = 50
 RESTARTS = 30
-TYPES = getstatus_throughput.TYPES
 QUIET = "i=0\nwhile [ $i -lt 600 ]; do sleep 1; i=$((i+1)); done\n"
 # Notes its start in nanoseconds, then waits to be killed (bounded).
 NOTING = "echo \"$(date +%s%N) $$\" >> {starts}\nexec sleep 120\n"
@@ -86,11 +85,7 @@ def getstatus_latency(port, clients, seconds, kind):
 def bench_getstatus(rows, seconds):
     wd = Watchdog()
     try:
-        lines = []
-        for i in range(APPS):
-            lines += ["--%s=/cfg/app%04d" % (TYPES[i % len(TYPES)], i), "--alias=App %04d" % i,
-                      "--thumb=thumb%04d.png" % i]
-        wd.write_conf(lines)
+        wd.write_conf(getstatus_throughput.configured_apps())
         wd.start()
         wd.wait_port(timeout=30)
         wd.wait_log(r"Will care about %d apps" % APPS, timeout=10)

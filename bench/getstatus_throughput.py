@@ -65,6 +65,15 @@ class RpcClient:
         self.rpc("close")()
 
 
+def configured_apps():
+    """Option lines for APPS applications that are configured but never started."""
+    lines = []
+    for i in range(APPS):
+        lines += ["--%s=/cfg/app%04d" % (TYPES[i % len(TYPES)], i), "--alias=App %04d" % i,
+                  "--thumb=thumb%04d.png" % i]
+    return lines
+
+
 def measure(port, clients, seconds, kind):
     """Completed requests per second over `seconds` with `clients` threads."""
     counts = [0] * clients
@@ -108,11 +117,7 @@ def main():
 
     wd = watchdog_harness.Watchdog()
     try:
-        lines = []
-        for i in range(APPS):
-            lines += ["--%s=/cfg/app%04d" % (TYPES[i % len(TYPES)], i), "--alias=App %04d" % i,
-                      "--thumb=thumb%04d.png" % i]
-        wd.write_conf(lines)
+        wd.write_conf(configured_apps())
         wd.start()
         wd.wait_port(timeout=30)
         probe = xmlrpc.client.ServerProxy("http://%s:%d/RPC2" % (watchdog_harness.HOST, wd.port))
