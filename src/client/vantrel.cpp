@@ -12,7 +12,7 @@
 #include <xmlrpc-c/client_global.h>
 
 #include "vantrel_internal.h"
-#include "xmlrpc_fault_guard.h"
+#include "common/xmlrpc_fault_guard.h"
 
 namespace vantrel {
 

@@ -14,7 +14,7 @@
 #include <xmlrpc-c/base.h>
 
 #include "vantrel_call.h"
-#include "xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 
 namespace vantrel {
 

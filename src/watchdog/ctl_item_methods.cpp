@@ -1,7 +1,7 @@
 // GetItem and SetItem: reading and replacing one application's configuration,
 // or adding a new application.
 #include "app_types.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "ctl_reply.h"

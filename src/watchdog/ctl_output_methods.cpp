@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "banner.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "ctl_output.h"

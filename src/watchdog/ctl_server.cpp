@@ -12,9 +12,9 @@
 #include <xmlrpc-c/server.h>
 #include <xmlrpc-c/server_abyss.h>
 
-#include "client/xmlrpc_fault_guard.h"
+#include "common/xmlrpc_fault_guard.h"
 #include "banner.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "instance.h"

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "ctl_reply.h"

@@ -8,7 +8,7 @@
 
 #include "app_types.h"
 #include "banner.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl_methods.h"
 #include "ctl_status.h"
 #include "instance.h"

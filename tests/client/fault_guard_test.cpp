@@ -6,8 +6,8 @@
 
 #include <xmlrpc-c/base.h>
 
-#include "xmlrpc_fault_guard.h"
-#include "xmlrpc_raii.h"
+#include "common/xmlrpc_fault_guard.h"
+#include "common/xmlrpc_raii.h"
 
 namespace {
 

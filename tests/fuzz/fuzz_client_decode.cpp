@@ -22,7 +22,7 @@
 #include "client/vantrel_decode_ft.h"
 #include "client/vantrel_decode_lib.h"
 #include "client/vantrel_decode_sched.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 
 namespace {
 

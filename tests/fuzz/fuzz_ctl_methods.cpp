@@ -16,7 +16,7 @@
 #include <xmlrpc-c/base.h>
 
 #include "app_types.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl_methods.h"
 #include "instance.h"
 #include "log/log.h"

@@ -13,8 +13,8 @@
 #include <xmlrpc-c/server.h>
 
 #include "app_types.h"
-#include "client/xmlrpc_fault_guard.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_fault_guard.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "instance.h"
 #include "log/log.h"

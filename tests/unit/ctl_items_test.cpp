@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "app_types.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl_methods.h"
 #include "instance.h"
 #include "unit_support.h"

@@ -20,7 +20,7 @@
 #include <xmlrpc-c/client.h>
 
 #include "banner.h"
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "instance.h"

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "ctl_methods.h"
 #include "instance.h"
 #include "os_ops.h"

@@ -17,7 +17,7 @@
 #include <xmlrpc-c/server.h>
 #include <xmlrpc-c/server_abyss.h>
 
-#include "xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 
 namespace standin {
 

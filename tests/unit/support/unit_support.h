@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "client/xmlrpc_raii.h"
+#include "common/xmlrpc_raii.h"
 #include "instance.h"
 #include "options.h"
 
