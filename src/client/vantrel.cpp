@@ -57,7 +57,7 @@ xmlrpc_value* call_va(xmlrpc_env* env, const char* url, const char* method, cons
     if (!env->fault_occurred && xmlrpc_value_type(params.get()) != XMLRPC_TYPE_ARRAY)
         xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "request is not a parameter list");
     if (env->fault_occurred) return nullptr;
-    xmlrpc_value* answer = xmlrpc_client_call_params(env, url, method, params.get());
+    xmlrpc_value* answer = call_params(env, url, method, params.get());
     // On a fault the library leaves its result undefined: keep it only on success.
     return env->fault_occurred ? nullptr : answer;
 }

@@ -7,3 +7,5 @@
 #include "vantrel_lib.h"
 #include "vantrel_sched.h"
 #include "vantrel_templates.h"
+#include "vantrel_thread_client.h"
+#include "vantrel_watchdog.h"

@@ -50,6 +50,10 @@ inline const char* or_empty(const char* text) { return text ? text : ""; }
 // caller, or null with the fault in env. Writes nothing.
 xmlrpc_value* call_va(xmlrpc_env* env, const char* url, const char* method, const char* format,
                       va_list args);
+// Calls `method` with the thread's own client when it chose one
+// (vantrel_thread_client.h), else with the process-wide client.
+xmlrpc_value* call_params(xmlrpc_env* env, const char* url, const char* method,
+                          xmlrpc_value* params);
 xmlrpc_value* call_unreported(xmlrpc_env* env, const char* url, const char* method,
                               const char* format, ...);
 
