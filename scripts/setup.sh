@@ -6,6 +6,7 @@ packages=(
   build-essential cmake pkg-config
   libxmlrpc-core-c3-dev libcurl4-openssl-dev libxml2-dev libnuma-dev
   libgtest-dev googletest
+  libcli11-dev nlohmann-json3-dev
   python3
   clang libclang-rt-14-dev
 )
