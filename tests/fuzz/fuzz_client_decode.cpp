@@ -22,6 +22,7 @@
 #include "client/vantrel_decode_ft.h"
 #include "client/vantrel_decode_lib.h"
 #include "client/vantrel_decode_sched.h"
+#include "client/vantrel_decode_wd.h"
 #include "common/xmlrpc_raii.h"
 
 namespace {
@@ -44,6 +45,10 @@ const char* const keys[] = {
     "progress", "error", "updated", "created", "src_object", "src_local", "dst_object",
     "dst_local", "in", "dur", "factory", "profile", "audio_map", "audio_conf", "osd", "gen",
     "pos", "idx", "layers", "fonts", "modes", "submodes", "settings",
+    // supervisor replies
+    "ret", "amend", "ptr", "pid", "started", "terminated", "f_autorun", "f_respawn", "err", "alias",
+    "app_name", "version", "instance_name", "apps", "id_name", "config", "bin_path", "numa_bind",
+    "raws", "envs", "off", "head", "tail", "file_no", "buf", "session",
 };
 constexpr int KEY_COUNT = sizeof(keys) / sizeof(keys[0]);
 
@@ -360,6 +365,35 @@ void decode_everything(xmlrpc_value* answer)
         char** names = nullptr;
         vantrel_filetransfer_list_decode(env, answer, &names);
         vantrel_str_list_free(&names);
+    });
+
+    // ---- supervisor ----
+    with_env([&](xmlrpc_env* env) { vantrel_watchdog_ret_decode(env, "f", answer); });
+    with_env([&](xmlrpc_env* env) {
+        auto listing = std::make_unique<vantrel_wd_listing>();
+        vantrel_watchdog_status_decode(env, answer, listing.get());
+        vantrel_watchdog_listing_free(listing.get());
+        vantrel_watchdog_elements_decode(env, answer, listing.get());
+        vantrel_watchdog_listing_free(listing.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        char** names = nullptr;
+        vantrel_watchdog_apps_decode(env, answer, &names);
+        vantrel_str_list_free(&names);
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto item = std::make_unique<vantrel_wd_item>();
+        vantrel_watchdog_item_decode(env, answer, item.get());
+        vantrel_watchdog_item_free(item.get());
+    });
+    with_env([&](xmlrpc_env* env) {
+        vantrel_wd_output output{};
+        vantrel_watchdog_std_buf_decode(env, answer, &output);
+        vantrel_watchdog_output_free(&output);
+    });
+    with_env([&](xmlrpc_env* env) {
+        auto session = std::make_unique<char[]>(VANTREL_STR_SIZE);
+        vantrel_watchdog_auth_decode(env, answer, session.get());
     });
 }
 
