@@ -14,6 +14,7 @@
 #include <xmlrpc-c/base.h>
 
 #include "vantrel_call.h"
+#include "common/bounded_text.h"
 #include "common/xmlrpc_raii.h"
 
 namespace vantrel {
@@ -28,11 +29,9 @@ inline const char* errno_text(int result)
 // Source path printed in the "[%s:%d]" diagnostics.
 inline constexpr const char* source_path = "src/client/vantrel";
 
-// Bounded copy and append into a fixed field of `size` bytes; always
-// terminated, null source treated as empty. The library links without the
-// supervisor, whose unqualified twins these are, hence the namespace.
-void str_copy(char* dst, const char* src, std::size_t size);
-void str_cat(char* dst, const char* src, std::size_t size);
+// Bounded copy and append into a fixed field of `size` bytes.
+using bounded_text::str_copy;
+using bounded_text::str_cat;
 
 // The fault text of an environment, never null.
 const char* fault_text(const xmlrpc_env* env);
