@@ -54,7 +54,3 @@ class ServiceNotify(unittest.TestCase):
         stopping = [text for text, _ in self.receive(timeout=5.0) if "STOPPING=1" in text]
         self.assertEqual(len(stopping), 1)
         self.assertEqual(self.wd.wait_exit(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()
