@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libxmlrpc-core-c3-dev libcurl4-openssl-dev libxml2-dev libnuma-dev
+  libsystemd-dev dpkg-dev
   libgtest-dev googletest
   python3
   clang libclang-rt-14-dev
