@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libxmlrpc-core-c3-dev libcurl4-openssl-dev libxml2-dev libnuma-dev
+  libsystemd-dev dpkg-dev
   libgtest-dev googletest
   libcli11-dev nlohmann-json3-dev
   python3

@@ -11,26 +11,10 @@
 #include <xmlrpc-c/client.h>
 #include <xmlrpc-c/client_global.h>
 
+#include "vantrel_answer_screen.h"
 #include "vantrel_internal.h"
-#include "common/xmlrpc_fault_guard.h"
 
 namespace vantrel {
-
-void str_copy(char* dst, const char* src, std::size_t size)
-{
-    if (!dst || size == 0) return;
-    if (!src) src = "";
-    std::size_t n = strnlen(src, size - 1);
-    memcpy(dst, src, n);
-    dst[n] = '\0';
-}
-
-void str_cat(char* dst, const char* src, std::size_t size)
-{
-    if (!dst || size == 0) return;
-    std::size_t used = strnlen(dst, size - 1);
-    str_copy(dst + used, src, size - used);
-}
 
 const char* fault_text(const xmlrpc_env* env)
 {
@@ -42,6 +26,58 @@ void clear_fault(xmlrpc_env* env)
     xmlrpc_env_clean(env);
     xmlrpc_env_init(env);
 }
+
+namespace {
+
+struct mem_block_deleter {
+    void operator()(xmlrpc_mem_block* block) const { xmlrpc_mem_block_free(block); }
+};
+using mem_block = std::unique_ptr<xmlrpc_mem_block, mem_block_deleter>;
+
+struct server_info_deleter {
+    void operator()(xmlrpc_server_info* info) const { xmlrpc_server_info_free(info); }
+};
+
+// The process-wide client's call, taken apart so that the answer is screened
+// before the XML-RPC library parses it (see vantrel_answer_screen.h). Faults
+// read as the library's own call would give them.
+xmlrpc_value* screened_call(xmlrpc_env* env, const char* url, const char* method,
+                            xmlrpc_value* params)
+{
+    std::unique_ptr<xmlrpc_server_info, server_info_deleter> server(xmlrpc_server_info_new(env, url));
+    if (env->fault_occurred) return nullptr;
+    mem_block request(xmlrpc_mem_block_new(env, 0));
+    if (env->fault_occurred) return nullptr;
+    xmlrpc_serialize_call2(env, request.get(), method, params, xmlrpc_dialect_i8);
+    if (env->fault_occurred) return nullptr;
+    xmlrpc_mem_block* raw = nullptr;
+    // A thread that chose a private client (vantrel_thread_client.h) calls through it.
+    if (xmlrpc_client* own = thread_xmlrpc_client())
+        xmlrpc_client_transport_call2(env, own, server.get(), request.get(), &raw);
+    else
+        xmlrpc_client_transport_call(env, nullptr, server.get(), request.get(), &raw);
+    if (env->fault_occurred) return nullptr;
+    mem_block response(raw);
+    std::string_view xml(static_cast<const char*>(xmlrpc_mem_block_contents(raw)),
+                         xmlrpc_mem_block_size(raw));
+    if (const char* refusal = answer_refusal(xml)) {
+        xmlrpc_env_set_fault(env, XMLRPC_PARSE_ERROR, refusal);
+        return nullptr;
+    }
+    xmlrpc_value* answer = nullptr;
+    int fault_code = 0;
+    const char* fault_string = nullptr;
+    xmlrpc_parse_response2(env, xml.data(), xml.size(), &answer, &fault_code, &fault_string);
+    if (env->fault_occurred) return nullptr;
+    if (fault_string) {
+        xmlrpc_env_set_fault_formatted(env, fault_code, "RPC failed at server.  %s", fault_string);
+        free(const_cast<char*>(fault_string));   // the parser hands out a malloc()ed copy
+        return nullptr;
+    }
+    return answer;
+}
+
+}  // namespace
 
 xmlrpc_value* call_va(xmlrpc_env* env, const char* url, const char* method, const char* format,
                       va_list args)
@@ -57,9 +93,7 @@ xmlrpc_value* call_va(xmlrpc_env* env, const char* url, const char* method, cons
     if (!env->fault_occurred && xmlrpc_value_type(params.get()) != XMLRPC_TYPE_ARRAY)
         xmlrpc_env_set_fault(env, XMLRPC_INTERNAL_ERROR, "request is not a parameter list");
     if (env->fault_occurred) return nullptr;
-    xmlrpc_value* answer = call_params(env, url, method, params.get());
-    // On a fault the library leaves its result undefined: keep it only on success.
-    return env->fault_occurred ? nullptr : answer;
+    return screened_call(env, url, method, params.get());
 }
 
 xmlrpc_value* call_unreported(xmlrpc_env* env, const char* url, const char* method,
@@ -192,7 +226,6 @@ using namespace vantrel;
 
 int vantrel_init(const char* app_name, const char* app_version)
 {
-    xmlrpc_fault_guard_install();
     int result = 0;
     {
         xmlrpc_env_guard env;
@@ -292,8 +325,8 @@ int store_string(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int index, int)
 
 }  // namespace
 
-int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
-                      const char* key, vantrel_item_cb cb, void* ctx)
+int vantrel_parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
+                              const char* key, vantrel_item_cb cb, void* ctx)
 {
     static const char* const self = "parse_custom_list";
     caller = or_empty(caller);
@@ -305,8 +338,8 @@ int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
     return walk_elements(env, caller, self, array, size, cb, ctx);
 }
 
-int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
-                               char*** out)
+int vantrel_parse_simple_list_response(const char* caller, xmlrpc_env* env,
+                                       xmlrpc_value* answer, char*** out)
 {
     static const char* const self = "parse_simple_list_response";
     caller = or_empty(caller);
@@ -335,6 +368,18 @@ int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value
     if (!strings) return VANTREL_ENOMEM;
     *out = strings;
     return walk_elements(env, caller, self, array, size, store_string, strings);
+}
+
+int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
+                      const char* key, vantrel_item_cb cb, void* ctx)
+{
+    return vantrel_parse_custom_list(caller, env, answer, key, cb, ctx);
+}
+
+int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
+                               char*** out)
+{
+    return vantrel_parse_simple_list_response(caller, env, answer, out);
 }
 
 char** vantrel_str_list_new(void)

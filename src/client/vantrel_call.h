@@ -16,6 +16,8 @@
 
 #include <xmlrpc-c/base.h>
 
+#include "vantrel_export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -43,16 +45,16 @@ typedef int (*vantrel_item_cb)(xmlrpc_env* env, xmlrpc_value* item, void* ctx, i
  * numeric locale to "C" (also when set-up fails). Call once before any other
  * function. Returns 0, or -14 when the client cannot be set up.
  */
-int vantrel_init(const char* app_name, const char* app_version);
+VANTREL_API int vantrel_init(const char* app_name, const char* app_version);
 
 /* Shuts the process-wide client down. Returns 0. */
-int vantrel_cleanup(void);
+VANTREL_API int vantrel_cleanup(void);
 
 /*
  * Calls `method` on the server at `url` without parameters. Returns the
  * answer's "result", or -14.
  */
-int vantrel_method_no_arg(const char* url, const char* method);
+VANTREL_API int vantrel_method_no_arg(const char* url, const char* method);
 
 /*
  * Walks an array of the answer and hands each element to `cb`.
@@ -64,8 +66,12 @@ int vantrel_method_no_arg(const char* url, const char* method);
  * Returns the number of elements handled successfully, or -14 when env
  * already holds a fault on entry, or the array or its size cannot be taken.
  */
-int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
-                      const char* key, vantrel_item_cb cb, void* ctx);
+VANTREL_API int vantrel_parse_custom_list(const char* caller, xmlrpc_env* env,
+                                          xmlrpc_value* answer, const char* key,
+                                          vantrel_item_cb cb, void* ctx);
+/* The same under its first name. */
+VANTREL_API int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
+                                  const char* key, vantrel_item_cb cb, void* ctx);
 
 /*
  * Decodes an answer {result, list} where list is an array of one-string
@@ -79,14 +85,17 @@ int parse_custom_list(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
  * Returns the number of strings stored, the server's negative result (list
  * left null), -14 on a malformed answer, or -12 when memory runs out.
  */
-int parse_simple_list_response(const char* caller, xmlrpc_env* env, xmlrpc_value* answer,
-                               char*** out);
+VANTREL_API int vantrel_parse_simple_list_response(const char* caller, xmlrpc_env* env,
+                                                   xmlrpc_value* answer, char*** out);
+/* The same under its first name. */
+VANTREL_API int parse_simple_list_response(const char* caller, xmlrpc_env* env,
+                                           xmlrpc_value* answer, char*** out);
 
 /* A new NUL-terminated string list holding only the terminator, or null. */
-char** vantrel_str_list_new(void);
+VANTREL_API char** vantrel_str_list_new(void);
 
 /* Number of entries before the terminator; 0 for a null list. */
-int vantrel_str_list_count(char* const* list);
+VANTREL_API int vantrel_str_list_count(char* const* list);
 
 /*
  * Appends `item` (a heap string, taken over on success) to the list at
@@ -94,10 +103,10 @@ int vantrel_str_list_count(char* const* list);
  * is stored back in *list. Returns the new number of entries, or -12 (the
  * item then stays the caller's and the list is unchanged).
  */
-int vantrel_str_list_append(char*** list, char* item);
+VANTREL_API int vantrel_str_list_append(char*** list, char* item);
 
 /* Frees every string and the array, and sets *list to null. Null is fine. */
-void vantrel_str_list_free(char*** list);
+VANTREL_API void vantrel_str_list_free(char*** list);
 
 #ifdef __cplusplus
 }

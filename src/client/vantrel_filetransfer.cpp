@@ -211,9 +211,9 @@ int vantrel_filetransfer_list_iter(xmlrpc_env* env, xmlrpc_value* item, void* ct
     decoded_text name;
     xmlrpc_decompose_value(env, item, "s", name.out());
     if (env->fault_occurred) {
+        // Reported and skipped: the walker goes on with the next name.
         fprintf(stderr, "%s: xmlrpc_array_read_item failed: %s (%d)",
                 "vantrel_filetransfer_list_iter", fault_text(env), env->fault_code);
-        walk->failed = true;
         return VANTREL_EFAULT;
     }
     decoded_adopt(name);
@@ -252,7 +252,8 @@ int vantrel_filetransfer_list_decode(xmlrpc_env* env, xmlrpc_value* answer, char
     if (env->fault_occurred) return VANTREL_EFAULT;
     remote_walk walk{list};
     int count = parse_custom_list(fn, env, answer, "list", vantrel_filetransfer_list_iter, &walk);
-    // The walker skips a bad name; a listing with a hole in it is no answer.
+    // A bad name is skipped and the count says how many arrived; only running
+    // out of memory takes back what this call appended.
     if (count < 0 || walk.failed) {
         truncate_list(*list, before);
         return VANTREL_EFAULT;

@@ -58,29 +58,29 @@ typedef struct vantrel_ftc_request {
     char osd[VANTREL_STR_SIZE];
 } vantrel_ftc_request;
 
-int vantrel_filetransfer_request_del(const char* url, int id);
-int vantrel_filetransfer_request_cancel(const char* url, int id);
-int vantrel_filetransfer_request_restart(const char* url, int id);
-int vantrel_filetransfer_request_add(const char* url, const vantrel_ft_request* request);
-int vantrel_filetransfer_probe(const char* url, const char* target, const char* location);
+VANTREL_API int vantrel_filetransfer_request_del(const char* url, int id);
+VANTREL_API int vantrel_filetransfer_request_cancel(const char* url, int id);
+VANTREL_API int vantrel_filetransfer_request_restart(const char* url, int id);
+VANTREL_API int vantrel_filetransfer_request_add(const char* url, const vantrel_ft_request* request);
+VANTREL_API int vantrel_filetransfer_probe(const char* url, const char* target, const char* location);
 
-int vantrel_filetranscoder_request_del(const char* url, int id);
-int vantrel_filetranscoder_request_cancel(const char* url, int id);
-int vantrel_filetranscoder_request_restart(const char* url, int id);
-int vantrel_filetranscoder_request_add(const char* url, const vantrel_ftc_request* request);
+VANTREL_API int vantrel_filetranscoder_request_del(const char* url, int id);
+VANTREL_API int vantrel_filetranscoder_request_cancel(const char* url, int id);
+VANTREL_API int vantrel_filetranscoder_request_restart(const char* url, int id);
+VANTREL_API int vantrel_filetranscoder_request_add(const char* url, const vantrel_ftc_request* request);
 
-int vantrel_filetransfer_targets_list(const char* url, int arg, int capacity,
+VANTREL_API int vantrel_filetransfer_targets_list(const char* url, int arg, int capacity,
                                       vantrel_ft_target* targets);
-int vantrel_filetransfer_requests_list(const char* url, int arg1, int arg2, int capacity,
+VANTREL_API int vantrel_filetransfer_requests_list(const char* url, int arg1, int arg2, int capacity,
                                        vantrel_ft_request* requests);
-int vantrel_filetransfer_request_get(const char* url, int id, vantrel_ft_request* request);
+VANTREL_API int vantrel_filetransfer_request_get(const char* url, int id, vantrel_ft_request* request);
 
 /* Appends the remote names to *list (a NUL-terminated string list; started
  * when null). On failure *list keeps only what it held before the call. */
-int vantrel_filetransfer_list(const char* url, const char* target, const char* location,
+VANTREL_API int vantrel_filetransfer_list(const char* url, const char* target, const char* location,
                               char*** list);
 
-int vantrel_filetranscoder_requests_list(const char* url, int arg1, int arg2, int capacity,
+VANTREL_API int vantrel_filetranscoder_requests_list(const char* url, int arg1, int arg2, int capacity,
                                          vantrel_ftc_request* requests);
 
 #ifdef __cplusplus

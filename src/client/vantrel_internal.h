@@ -12,8 +12,10 @@
 #include <memory>
 
 #include <xmlrpc-c/base.h>
+#include <xmlrpc-c/client.h>
 
 #include "vantrel_call.h"
+#include "common/bounded_text.h"
 #include "common/xmlrpc_raii.h"
 
 namespace vantrel {
@@ -28,11 +30,9 @@ inline const char* errno_text(int result)
 // Source path printed in the "[%s:%d]" diagnostics.
 inline constexpr const char* source_path = "src/client/vantrel";
 
-// Bounded copy and append into a fixed field of `size` bytes; always
-// terminated, null source treated as empty. The library links without the
-// supervisor, whose unqualified twins these are, hence the namespace.
-void str_copy(char* dst, const char* src, std::size_t size);
-void str_cat(char* dst, const char* src, std::size_t size);
+// Bounded copy and append into a fixed field of `size` bytes.
+using bounded_text::str_copy;
+using bounded_text::str_cat;
 
 // The fault text of an environment, never null.
 const char* fault_text(const xmlrpc_env* env);
@@ -50,10 +50,9 @@ inline const char* or_empty(const char* text) { return text ? text : ""; }
 // caller, or null with the fault in env. Writes nothing.
 xmlrpc_value* call_va(xmlrpc_env* env, const char* url, const char* method, const char* format,
                       va_list args);
-// Calls `method` with the thread's own client when it chose one
-// (vantrel_thread_client.h), else with the process-wide client.
-xmlrpc_value* call_params(xmlrpc_env* env, const char* url, const char* method,
-                          xmlrpc_value* params);
+// The thread's own client when it chose one (vantrel_thread_client.h), else
+// null for the process-wide client.
+xmlrpc_client* thread_xmlrpc_client();
 xmlrpc_value* call_unreported(xmlrpc_env* env, const char* url, const char* method,
                               const char* format, ...);
 

@@ -53,33 +53,33 @@ typedef struct vantrel_playlist_item {
 } vantrel_playlist_item;
 
 /* Transport commands without parameters. */
-int vantrel_play(const char* url);
-int vantrel_pause(const char* url);
-int vantrel_stop(const char* url);
-int vantrel_cue_play(const char* url);
-int vantrel_playlist_clear(const char* url);
-int vantrel_record(const char* url);
+VANTREL_API int vantrel_play(const char* url);
+VANTREL_API int vantrel_pause(const char* url);
+VANTREL_API int vantrel_stop(const char* url);
+VANTREL_API int vantrel_cue_play(const char* url);
+VANTREL_API int vantrel_playlist_clear(const char* url);
+VANTREL_API int vantrel_record(const char* url);
 
-int vantrel_play_vari(const char* url, double speed);
-int vantrel_cue_play_with_data(const char* url, int data);
+VANTREL_API int vantrel_play_vari(const char* url, double speed);
+VANTREL_API int vantrel_cue_play_with_data(const char* url, int data);
 /* `name` is sent as given; overlay_name, overlay_pos, cookie: null sends empty. */
-int vantrel_playlist_append(const char* url, const char* name, int in, int dur,
+VANTREL_API int vantrel_playlist_append(const char* url, const char* name, int in, int dur,
                             const char* overlay_name, const char* overlay_pos,
                             const char* cookie);
-int vantrel_playlist_insert(const char* url, int at, const char* name, int in, int dur,
+VANTREL_API int vantrel_playlist_insert(const char* url, int at, const char* name, int in, int dur,
                             const char* overlay_name, const char* overlay_pos,
                             const char* cookie);
-int vantrel_playlist_remove(const char* url, int idx);
-int vantrel_playlist_repeat_clip(const char* url, int idx, int repeat);
-int vantrel_playlist_resize_clip(const char* url, int idx, int in, int dur);
-int vantrel_playlist_move(const char* url, int from, int to);
-int vantrel_playlist_loop(const char* url, int loop);
-int vantrel_playlist_seek_to(const char* url, int idx, int pos);
-int vantrel_playlist_seek(const char* url, int pos);
-int vantrel_playlist_step(const char* url, int step);
+VANTREL_API int vantrel_playlist_remove(const char* url, int idx);
+VANTREL_API int vantrel_playlist_repeat_clip(const char* url, int idx, int repeat);
+VANTREL_API int vantrel_playlist_resize_clip(const char* url, int idx, int in, int dur);
+VANTREL_API int vantrel_playlist_move(const char* url, int from, int to);
+VANTREL_API int vantrel_playlist_loop(const char* url, int loop);
+VANTREL_API int vantrel_playlist_seek_to(const char* url, int idx, int pos);
+VANTREL_API int vantrel_playlist_seek(const char* url, int pos);
+VANTREL_API int vantrel_playlist_step(const char* url, int step);
 /* Sends name, in, dur, overlay_name, overlay_pos, cookie, amap of `item`. */
-int vantrel_playlist_insert2(const char* url, int at, const vantrel_playlist_item* item);
-int vantrel_playlist_append2(const char* url, const vantrel_playlist_item* item);
+VANTREL_API int vantrel_playlist_insert2(const char* url, int at, const vantrel_playlist_item* item);
+VANTREL_API int vantrel_playlist_append2(const char* url, const vantrel_playlist_item* item);
 
 /*
  * Inserts a template instance. `list` holds `list_cnt` strings, or is
@@ -88,24 +88,24 @@ int vantrel_playlist_append2(const char* url, const vantrel_playlist_item* item)
  * are counted up to the first position where the name or the value is null.
  * Positions with a null name or value are skipped. `last`: null sends empty.
  */
-int vantrel_playlist_insert_template(const char* url, int at, const char* name, int p1, int p2,
+VANTREL_API int vantrel_playlist_insert_template(const char* url, int at, const char* name, int p1, int p2,
                                      int list_cnt, const char* const* list, int var_cnt,
                                      const char* const* var_names,
                                      const char* const* var_values, const char* last);
 
 /* The last string is sent only when it is not null. */
-int vantrel_cue_record_with_data(const char* url, const char* name, int p1, int p2,
+VANTREL_API int vantrel_cue_record_with_data(const char* url, const char* name, int p1, int p2,
                                  const char* data);
-int vantrel_cue_record(const char* url, const char* name, const char* data);
-int vantrel_record_next(const char* url, const char* name, const char* data);
-int vantrel_record_pause(const char* url, int pause);
+VANTREL_API int vantrel_cue_record(const char* url, const char* name, const char* data);
+VANTREL_API int vantrel_record_next(const char* url, const char* name, const char* data);
+VANTREL_API int vantrel_record_pause(const char* url, int pause);
 
 /*
  * Zero-fills *status, then fills it from the service's status. Returns the
  * answer's result (the members are decoded whatever its value), or -14 when
  * the call fails or any member is missing (the record may be partly filled).
  */
-int vantrel_getstatus(const char* url, vantrel_status* status);
+VANTREL_API int vantrel_getstatus(const char* url, vantrel_status* status);
 
 /*
  * Reads the playlist. Sets *items to null, then to one zero-filled heap
@@ -113,7 +113,7 @@ int vantrel_getstatus(const char* url, vantrel_status* status);
  * free() whenever it is not null, whatever the result. Returns the number of
  * items decoded, or -14. overlay_name, overlay_pos and amap stay empty.
  */
-int vantrel_playlist_items(const char* url, int* gen, int* pos, int* idx,
+VANTREL_API int vantrel_playlist_items(const char* url, int* gen, int* pos, int* idx,
                            vantrel_playlist_item** items);
 
 /*
@@ -122,11 +122,11 @@ int vantrel_playlist_items(const char* url, int* gen, int* pos, int* idx,
  * 135 characters or a host that does not resolve; the negated errno when the
  * socket or the send fails. Never waits for a reply.
  */
-int vantrel_udp_send(const char* destination, const char* text);
-int vantrel_udp_play(const char* destination);
-int vantrel_udp_pause(const char* destination);
-int vantrel_udp_stop(const char* destination);
-int vantrel_udp_record(const char* destination);
+VANTREL_API int vantrel_udp_send(const char* destination, const char* text);
+VANTREL_API int vantrel_udp_play(const char* destination);
+VANTREL_API int vantrel_udp_pause(const char* destination);
+VANTREL_API int vantrel_udp_stop(const char* destination);
+VANTREL_API int vantrel_udp_record(const char* destination);
 
 #ifdef __cplusplus
 }

@@ -244,13 +244,9 @@ int vantrel_lib_list_dirs_decode(xmlrpc_env* env, xmlrpc_value* answer, const ch
 int vantrel_lib_list_items_decode(xmlrpc_env* env, xmlrpc_value* answer, const char* dir,
                                   vantrel_lib_meta*** list)
 {
+    // The member-wise decomposer never fails as a whole: an element that is no
+    // struct gives a record with every member reported missing and left empty.
     auto decode_one = [env](xmlrpc_value* element, vantrel_lib_meta** record) {
-        // The member-wise decomposer accepts anything; an element that is no
-        // struct at all is a broken answer, not an item without metadata.
-        if (xmlrpc_value_type(element) != XMLRPC_TYPE_STRUCT) {
-            xmlrpc_env_set_fault(env, XMLRPC_TYPE_ERROR, "list element is not a struct");
-            return VANTREL_EFAULT;
-        }
         return vantrel_lib_meta_item_decompose(env, element, record);
     };
     auto better = [](const vantrel_lib_meta* a, const vantrel_lib_meta* b) {
@@ -476,10 +472,8 @@ int vantrel_lib_state_iters(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int 
     }
     decoded_text text;
     xmlrpc_decompose_value(env, item, "(s)", text.out());
-    if (env->fault_occurred) {
-        walk->failed = true;
-        return VANTREL_EFAULT;
-    }
+    // A bad entry is the walker's to report and skip; the next one takes its index.
+    if (env->fault_occurred) return VANTREL_EFAULT;
     decoded_adopt(text);
     str_copy(walk->usage->amend_list[index], text.get(), text_size);
     return 0;
@@ -509,7 +503,8 @@ int vantrel_lib_state_decode(xmlrpc_env* env, xmlrpc_value* answer, vantrel_lib_
     state_walk walk;
     int count = parse_custom_list(fn, env, answer, "amend_list", vantrel_lib_state_iters, &walk);
     owned<vantrel_lib_usage> record(walk.usage);
-    // The walker skips a bad entry; a usage record with a hole is no answer.
+    // Bad entries were skipped and not counted; only a failure of the record
+    // itself (memory, an index beyond the list) leaves no answer.
     if (count < 0 || walk.failed) return VANTREL_EFAULT;
     if (!record) {
         record.reset(new_record<vantrel_lib_usage>());

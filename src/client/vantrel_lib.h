@@ -37,15 +37,15 @@ typedef struct vantrel_lib_meta {
     char path[VANTREL_STR_SIZE]; /* directory of the request + name */
     int64_t st_ino;
     int64_t st_size;
-    union {
+    VANTREL_EXTENSION union {
         int64_t st_mtime;
         vantrel_lib_seconds st_mtim;
     };
-    union {
+    VANTREL_EXTENSION union {
         int64_t st_ctime;
         vantrel_lib_seconds st_ctim;
     };
-    union {
+    VANTREL_EXTENSION union {
         int64_t st_atime;
         vantrel_lib_seconds st_atim;
     };
@@ -102,68 +102,68 @@ typedef struct vantrel_lib_usage {
     int64_t free_space;
     int64_t amend_idx;
     int32_t amend_cnt;
-    char amend_list[][VANTREL_STR_SIZE];
+    VANTREL_EXTENSION char amend_list[][VANTREL_STR_SIZE];
 } vantrel_lib_usage;
 
-int vantrel_lib_register_item(const char* url, const char* path);
-int vantrel_lib_delete_item(const char* url, const char* path);
-int vantrel_lib_delete_dir(const char* url, const char* path);
-int vantrel_lib_rename_item(const char* url, const char* from, const char* to);
-int vantrel_lib_delete_subclip(const char* url, const char* path, int idx);
-int vantrel_lib_register_subclip(const char* url, const char* path, int mark_in, int duration,
+VANTREL_API int vantrel_lib_register_item(const char* url, const char* path);
+VANTREL_API int vantrel_lib_delete_item(const char* url, const char* path);
+VANTREL_API int vantrel_lib_delete_dir(const char* url, const char* path);
+VANTREL_API int vantrel_lib_rename_item(const char* url, const char* from, const char* to);
+VANTREL_API int vantrel_lib_delete_subclip(const char* url, const char* path, int idx);
+VANTREL_API int vantrel_lib_register_subclip(const char* url, const char* path, int mark_in, int duration,
                                  const char* title);
 
 /* Listings: a heap array of heap records (free each, then the array).
  * Directories come sorted by name descending, items ascending (case-blind). */
-int vantrel_lib_list_dirs(const char* url, const char* dir, vantrel_lib_dir*** list);
-int vantrel_lib_list_items2(const char* url, const char* dir, vantrel_lib_meta*** list, int arg1,
+VANTREL_API int vantrel_lib_list_dirs(const char* url, const char* dir, vantrel_lib_dir*** list);
+VANTREL_API int vantrel_lib_list_items2(const char* url, const char* dir, vantrel_lib_meta*** list, int arg1,
                             int arg2);
-int vantrel_lib_list_items(const char* url, const char* dir, vantrel_lib_meta*** list);
-int vantrel_lib_meta_item(const char* url, const char* path, vantrel_lib_meta** meta);
+VANTREL_API int vantrel_lib_list_items(const char* url, const char* dir, vantrel_lib_meta*** list);
+VANTREL_API int vantrel_lib_meta_item(const char* url, const char* path, vantrel_lib_meta** meta);
 
 /* A null filter is sent as the empty string. */
-int vantrel_lib_search_item(const char* url, int mode, const char* filter, const char* name,
+VANTREL_API int vantrel_lib_search_item(const char* url, int mode, const char* filter, const char* name,
                             char item[VANTREL_STR_SIZE]);
-int vantrel_lib_search_item_dur_range(const char* url, int mode, const char* filter,
+VANTREL_API int vantrel_lib_search_item_dur_range(const char* url, int mode, const char* filter,
                                       char item[VANTREL_STR_SIZE], double dur_min,
                                       double dur_max);
 
-int vantrel_lib_list_subclips(const char* url, const char* path, vantrel_lib_subclip*** list,
+VANTREL_API int vantrel_lib_list_subclips(const char* url, const char* path, vantrel_lib_subclip*** list,
                               uint64_t user);
-int vantrel_lib_subclips_free(vantrel_lib_subclip*** list);
+VANTREL_API int vantrel_lib_subclips_free(vantrel_lib_subclip*** list);
 
 /* The bytes are a heap block owned by the caller. */
-int vantrel_lib_thumb_item(const char* url, const char* path, const char* kind, int width,
+VANTREL_API int vantrel_lib_thumb_item(const char* url, const char* path, const char* kind, int width,
                            int height, unsigned char** data, uint32_t* size);
-int vantrel_lib_thumb_overlay(const char* url, const char* path, unsigned char** data,
+VANTREL_API int vantrel_lib_thumb_overlay(const char* url, const char* path, unsigned char** data,
                               uint32_t* size);
 
-int vantrel_lib_list_overlays(const char* url, vantrel_lib_overlay*** list);
-int vantrel_lib_overlays_free(vantrel_lib_overlay*** list);
+VANTREL_API int vantrel_lib_list_overlays(const char* url, vantrel_lib_overlay*** list);
+VANTREL_API int vantrel_lib_overlays_free(vantrel_lib_overlay*** list);
 
-int vantrel_lib_state(const char* url, int amend_idx, vantrel_lib_usage** usage);
-int vantrel_lib_disk_usage(const char* url, vantrel_lib_usage** usage);
+VANTREL_API int vantrel_lib_state(const char* url, int amend_idx, vantrel_lib_usage** usage);
+VANTREL_API int vantrel_lib_disk_usage(const char* url, vantrel_lib_usage** usage);
 
 /* cue_cnt and cue_date may be null. */
-int vantrel_lib_register_cue(const char* url, const char* path, int cue, int64_t* cue_cnt,
+VANTREL_API int vantrel_lib_register_cue(const char* url, const char* path, int cue, int64_t* cue_cnt,
                              int64_t* cue_date);
 
 /* opt may be null or empty; shm_id may be null and is -1 when unknown. */
-int vantrel_lib_basename_item(const char* url, const char* path, const char* opt,
+VANTREL_API int vantrel_lib_basename_item(const char* url, const char* path, const char* opt,
                               char value[VANTREL_STR_SIZE], char object[VANTREL_STR_SIZE],
                               int32_t* shm_id);
-int vantrel_io_basename_item(const char* url, const char* path, char value[VANTREL_STR_SIZE],
+VANTREL_API int vantrel_io_basename_item(const char* url, const char* path, char value[VANTREL_STR_SIZE],
                              char object[VANTREL_STR_SIZE], int32_t* shm_id);
-int vantrel_lib_basename_overlay(const char* url, const char* path,
+VANTREL_API int vantrel_lib_basename_overlay(const char* url, const char* path,
                                  char value[VANTREL_STR_SIZE]);
 
 /* Audio channel layouts. A channel map holds one base-36 channel number
  * ("0"-"9", "A"-"Z") per output position. */
-int vantrel_audio_layouts_count(void);
-const char* vantrel_audio_layout_name(int layout);
-const char* vantrel_audio_layout_format(int layout);
-int vantrel_audio_map_digit(int pos, const char* map);
-char* vantrel_audio_map_format(char* buf, size_t size, int layout, const char* map);
+VANTREL_API int vantrel_audio_layouts_count(void);
+VANTREL_API const char* vantrel_audio_layout_name(int layout);
+VANTREL_API const char* vantrel_audio_layout_format(int layout);
+VANTREL_API int vantrel_audio_map_digit(int pos, const char* map);
+VANTREL_API char* vantrel_audio_map_format(char* buf, size_t size, int layout, const char* map);
 
 #ifdef __cplusplus
 }

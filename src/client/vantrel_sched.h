@@ -52,8 +52,8 @@ typedef struct vantrel_sched_state {
     int32_t state;
     int64_t t_now;
     char s_now[VANTREL_STR_SIZE];
-    union {
-        struct {
+    VANTREL_EXTENSION union {
+        VANTREL_EXTENSION struct {
             int32_t status;
             int32_t duration;
             int64_t t_start;
@@ -61,29 +61,29 @@ typedef struct vantrel_sched_state {
             char s_start[VANTREL_STR_SIZE];
             char s_end[VANTREL_STR_SIZE];
         };
-        struct {
+        VANTREL_EXTENSION struct {
             int64_t t_next;
             char s_next[VANTREL_STR_SIZE];
         };
     };
 } vantrel_sched_state;
 
-int vantrel_sched_item_add(const char* url, const vantrel_sched_item* item);
-int vantrel_sched_item_del(const char* url, int id);
-int vantrel_sched_item_enable(const char* url, int id, int enable);
-int vantrel_sched_expand_curr(const char* url, int arg);
+VANTREL_API int vantrel_sched_item_add(const char* url, const vantrel_sched_item* item);
+VANTREL_API int vantrel_sched_item_del(const char* url, int id);
+VANTREL_API int vantrel_sched_item_enable(const char* url, int id, int enable);
+VANTREL_API int vantrel_sched_expand_curr(const char* url, int arg);
 
 /* *item stays null unless the answer's result is 0 and the item decodes.
  * "start_time", "transfer" and "prefix" may be missing from an item (older
  * schedulers): they are then left zero/empty. */
-int vantrel_sched_item_get(const char* url, int id, vantrel_sched_item** item);
+VANTREL_API int vantrel_sched_item_get(const char* url, int id, vantrel_sched_item** item);
 
 /* Heap arrays of heap records: free every record, then the array. Items come
  * sorted by calc ascending; log entries in the scheduler's order. */
-int vantrel_sched_item_list(const char* url, vantrel_sched_item*** list);
-int vantrel_sched_log_list(const char* url, vantrel_sched_log*** list);
+VANTREL_API int vantrel_sched_item_list(const char* url, vantrel_sched_item*** list);
+VANTREL_API int vantrel_sched_log_list(const char* url, vantrel_sched_log*** list);
 
-int vantrel_sched_get_state(const char* url, vantrel_sched_state* state);
+VANTREL_API int vantrel_sched_get_state(const char* url, vantrel_sched_state* state);
 
 #ifdef __cplusplus
 }

@@ -57,7 +57,7 @@ bool start_list(char*** list)
     return *list != nullptr;
 }
 
-int tmpl_get_layers(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
+int vantrel_lib_tmpl_get_layers(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
 {
     const unsigned char* bytes = nullptr;
     size_t len = 0;
@@ -77,7 +77,7 @@ int tmpl_get_layers(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
     return count;
 }
 
-int tmpl_fonts_items(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
+int vantrel_lib_tmpl_fonts_items(xmlrpc_env* env, xmlrpc_value* element, void* ctx, int, int)
 {
     decoded_text family, style;
     xmlrpc_decompose_value(env, element, "{s:s,s:s,*}", "family", family.out(), "style",
@@ -234,7 +234,7 @@ int vantrel_lib_tmpl_get_decode(xmlrpc_env* env, xmlrpc_value* answer, char*** l
     if (!start_list(layers)) return VANTREL_ENOMEM;
     vantrel_result_decode(env, fn, "VantrelLib.LibTemplateGet", answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
-    return parse_custom_list(fn, env, answer, "list", tmpl_get_layers, layers);
+    return parse_custom_list(fn, env, answer, "list", vantrel_lib_tmpl_get_layers, layers);
 }
 
 int vantrel_lib_tmpl_get(const char* url, const char* name, char*** layers)
@@ -270,7 +270,7 @@ int vantrel_lib_tmpl_fonts_decode(xmlrpc_env* env, const char* method, xmlrpc_va
     if (!start_list(fonts)) return VANTREL_ENOMEM;
     vantrel_result_decode(env, fn, method ? method : "", answer);
     if (env->fault_occurred) return VANTREL_EFAULT;
-    return parse_custom_list(fn, env, answer, "list", tmpl_fonts_items, fonts);
+    return parse_custom_list(fn, env, answer, "list", vantrel_lib_tmpl_fonts_items, fonts);
 }
 
 int vantrel_lib_tmpl_fonts(const char* url, char*** fonts)

@@ -50,19 +50,19 @@ typedef struct vantrel_io_mode {
     int32_t osds_cnt;
 } vantrel_io_mode;
 
-int vantrel_lib_tmpl_add(const char* url, const char* name);
-int vantrel_lib_tmpl_del(const char* url, const char* name);
-int vantrel_lib_tmpl_rename(const char* url, const char* from, const char* to);
-int vantrel_lib_tmpl_replace(const char* url, const char* from, const char* to);
-int vantrel_lib_tmpl_clone(const char* url, const char* from, const char* to);
+VANTREL_API int vantrel_lib_tmpl_add(const char* url, const char* name);
+VANTREL_API int vantrel_lib_tmpl_del(const char* url, const char* name);
+VANTREL_API int vantrel_lib_tmpl_rename(const char* url, const char* from, const char* to);
+VANTREL_API int vantrel_lib_tmpl_replace(const char* url, const char* from, const char* to);
+VANTREL_API int vantrel_lib_tmpl_clone(const char* url, const char* from, const char* to);
 
 /*
  * Template names and the variables of one template, as a new NUL-terminated
  * string list in *list (see parse_simple_list_response: the caller frees it
  * with vantrel_str_list_free whenever it is not null).
  */
-int vantrel_lib_list_templates(const char* url, char*** list);
-int vantrel_lib_list_template_vars(const char* url, const char* name, char*** list);
+VANTREL_API int vantrel_lib_list_templates(const char* url, char*** list);
+VANTREL_API int vantrel_lib_list_template_vars(const char* url, const char* name, char*** list);
 
 /*
  * Appends the layers of template `name` to the NUL-terminated string list
@@ -70,17 +70,17 @@ int vantrel_lib_list_template_vars(const char* url, const char* name, char*** li
  * NUL-terminated. The caller frees the list with vantrel_str_list_free.
  * Returns the number of layers appended, or -14.
  */
-int vantrel_lib_tmpl_get(const char* url, const char* name, char*** layers);
+VANTREL_API int vantrel_lib_tmpl_get(const char* url, const char* name, char*** layers);
 /* Writes the layers of a null-terminated list (null: no layers). */
-int vantrel_lib_tmpl_set(const char* url, const char* name, const char* const* layers);
+VANTREL_API int vantrel_lib_tmpl_set(const char* url, const char* name, const char* const* layers);
 
 /*
  * Appends the available fonts, each "family\tstyle", to the string list
  * *fonts (started when null); the caller frees it with vantrel_str_list_free.
  * Returns the number of fonts appended, or -14.
  */
-int vantrel_lib_tmpl_fonts(const char* url, char*** fonts);
-int vantrel_lib_tmpl_fonts2(const char* url, char*** fonts);
+VANTREL_API int vantrel_lib_tmpl_fonts(const char* url, char*** fonts);
+VANTREL_API int vantrel_lib_tmpl_fonts2(const char* url, char*** fonts);
 
 /*
  * Builds an instance of template `name` and copies the answer's "value" into
@@ -89,22 +89,22 @@ int vantrel_lib_tmpl_fonts2(const char* url, char*** fonts);
  * arrays, null entries are skipped. `last`: null sends empty. Returns the
  * answer's result, or -14 (also when "value" is missing).
  */
-int vantrel_lib_build_template(const char* url, char* value, const char* name, int p1, int p2,
+VANTREL_API int vantrel_lib_build_template(const char* url, char* value, const char* name, int p1, int p2,
                                int list_cnt, const char* const* list, int var_cnt,
                                const char* const* var_names, const char* const* var_values,
                                const char* last);
 
-int vantrel_io_settings_save(const char* url);
-int vantrel_io_settings_set_mode(const char* url, int mode, int submode);
-int vantrel_io_settings_set_mode2(const char* url, const char* mode, const char* submode);
-int vantrel_io_settings_set_value(const char* url, const char* name, const char* value);
+VANTREL_API int vantrel_io_settings_save(const char* url);
+VANTREL_API int vantrel_io_settings_set_mode(const char* url, int mode, int submode);
+VANTREL_API int vantrel_io_settings_set_mode2(const char* url, const char* mode, const char* submode);
+VANTREL_API int vantrel_io_settings_set_value(const char* url, const char* name, const char* value);
 
 /*
  * Fills the fields of *settings whose names arrive; every other field keeps
  * what the caller put there. Returns 0, the server's negative result, the
  * server's result when an entry is malformed (the walk stops there), or -14.
  */
-int vantrel_io_settings_get(const char* url, vantrel_io_settings* settings);
+VANTREL_API int vantrel_io_settings_get(const char* url, vantrel_io_settings* settings);
 
 /*
  * Stores a new null-terminated array of heap modes in *modes (null on
@@ -112,11 +112,11 @@ int vantrel_io_settings_get(const char* url, vantrel_io_settings* settings);
  * Returns the number of modes, the server's negative result, or -14 (one
  * malformed mode discards them all).
  */
-int vantrel_io_settings_get_modes(const char* url, vantrel_io_mode*** modes);
+VANTREL_API int vantrel_io_settings_get_modes(const char* url, vantrel_io_mode*** modes);
 
 /* Frees every mode and the array, and sets *modes to null. Returns 0, or -22
  * for a null pointer or a null array. */
-int vantrel_io_settings_modes_free(vantrel_io_mode*** modes);
+VANTREL_API int vantrel_io_settings_modes_free(vantrel_io_mode*** modes);
 
 #ifdef __cplusplus
 }

@@ -70,16 +70,9 @@ vantrel_client* vantrel_client_use(vantrel_client* client)
 
 namespace vantrel {
 
-xmlrpc_value* call_params(xmlrpc_env* env, const char* url, const char* method,
-                          xmlrpc_value* params)
+xmlrpc_client* thread_xmlrpc_client()
 {
-    if (!thread_client) return xmlrpc_client_call_params(env, url, method, params);
-    xmlrpc_server_info* server = xmlrpc_server_info_new(env, url);
-    if (env->fault_occurred) return nullptr;
-    xmlrpc_value* answer = nullptr;
-    xmlrpc_client_call2(env, thread_client->client, server, method, params, &answer);
-    xmlrpc_server_info_free(server);
-    return env->fault_occurred ? nullptr : answer;
+    return thread_client ? thread_client->client : nullptr;
 }
 
 }  // namespace vantrel

@@ -13,6 +13,8 @@
  * Call vantrel_init first. Creating and freeing clients is safe from any
  * thread.
  */
+#include "vantrel_export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -22,14 +24,14 @@ typedef struct vantrel_client vantrel_client;
 /* A new client whose calls give up after `timeout_ms` milliseconds in all
  * (connection, request and answer; 0: the transport's default). Null when
  * it cannot be set up (the reason on standard error). */
-vantrel_client* vantrel_client_new(unsigned timeout_ms);
+VANTREL_API vantrel_client* vantrel_client_new(unsigned timeout_ms);
 
 /* Frees a client that no thread uses any more. Null is fine. */
-void vantrel_client_free(vantrel_client* client);
+VANTREL_API void vantrel_client_free(vantrel_client* client);
 
 /* Routes this thread's calls through `client`, or back to the process-wide
  * client with null. Returns the client used before. */
-vantrel_client* vantrel_client_use(vantrel_client* client);
+VANTREL_API vantrel_client* vantrel_client_use(vantrel_client* client);
 
 #ifdef __cplusplus
 }

@@ -99,38 +99,38 @@ typedef struct vantrel_wd_output {
 } vantrel_wd_output;
 
 /* Every slot with its run state. Returns the number of slots, or -14. */
-int vantrel_watchdog_get_status(const char* url, vantrel_wd_listing* status);
+VANTREL_API int vantrel_watchdog_get_status(const char* url, vantrel_wd_listing* status);
 /* The running processing elements with their control ports. Count or -14. */
-int vantrel_watchdog_get_elements(const char* url, vantrel_wd_listing* elements);
-void vantrel_watchdog_listing_free(vantrel_wd_listing* listing);
+VANTREL_API int vantrel_watchdog_get_elements(const char* url, vantrel_wd_listing* elements);
+VANTREL_API void vantrel_watchdog_listing_free(vantrel_wd_listing* listing);
 
 /* The configurable type names into a new string list at *names (the
  * caller's, also on failure once set). Count or -14. */
-int vantrel_watchdog_get_apps(const char* url, char*** names);
+VANTREL_API int vantrel_watchdog_get_apps(const char* url, char*** names);
 
 /* Returns the slot index, -34, or -14. */
-int vantrel_watchdog_get_item(const char* url, int idx, const char* ptr, vantrel_wd_item* item);
+VANTREL_API int vantrel_watchdog_get_item(const char* url, int idx, const char* ptr, vantrel_wd_item* item);
 /* idx -1 with an empty ptr adds an application. The type is item->id_name;
  * item->ptr and item->id are not sent. Returns 0, -34, -12, -2 or -14. */
-int vantrel_watchdog_set_item(const char* url, int idx, const char* ptr,
+VANTREL_API int vantrel_watchdog_set_item(const char* url, int idx, const char* ptr,
                               const vantrel_wd_item* item);
-void vantrel_watchdog_item_free(vantrel_wd_item* item);
+VANTREL_API void vantrel_watchdog_item_free(vantrel_wd_item* item);
 
 /* One command ("t_run", "t_term", "f_respawn", ...) with its value (null is
  * sent as ""). Returns 0, -2, -12, -34 or -14. */
-int vantrel_watchdog_set_field(const char* url, int idx, const char* ptr, const char* field,
+VANTREL_API int vantrel_watchdog_set_field(const char* url, int idx, const char* ptr, const char* field,
                                const char* val);
 
 /* Up to 1024 bytes of standard output (1) or error (2) from stream offset
  * `off`. Returns the slot index, -34, or -14. */
-int vantrel_watchdog_get_std_buf(const char* url, int idx, const char* ptr, int64_t off,
+VANTREL_API int vantrel_watchdog_get_std_buf(const char* url, int idx, const char* ptr, int64_t off,
                                  int file_no, vantrel_wd_output* output);
-void vantrel_watchdog_output_free(vantrel_wd_output* output);
+VANTREL_API void vantrel_watchdog_output_free(vantrel_wd_output* output);
 
 /* Checks a secret or a session token. Returns 1 (accepted, the token copied
  * into `session_out` when given, VANTREL_STR_SIZE bytes), 0 (refused), or
  * -14. */
-int vantrel_watchdog_get_auth(const char* url, const char* secret, const char* session,
+VANTREL_API int vantrel_watchdog_get_auth(const char* url, const char* secret, const char* session,
                               char* session_out);
 
 #ifdef __cplusplus

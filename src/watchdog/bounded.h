@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/bounded_text.h"
+
 constexpr std::size_t TEXT_FIELD_SIZE = 4096;                 // bytes incl. the terminating NUL
 constexpr std::size_t TEXT_FIELD_MAX = TEXT_FIELD_SIZE - 1;   // characters
 
@@ -40,8 +42,8 @@ private:
 inline void str_copy(bounded_str& dst, std::string_view src) { dst.set(src); }
 inline bool str_cat(bounded_str& dst, std::string_view src) { return dst.cat(src); }
 // The same for plain character buffers of `size` bytes: always terminated.
-void str_copy(char* dst, const char* src, std::size_t size);
-void str_cat(char* dst, const char* src, std::size_t size);
+using bounded_text::str_copy;
+using bounded_text::str_cat;
 
 // A list of at most Capacity non-empty text fields, filled from the front. The
 // first empty slot ends a list, so an empty value is never stored.

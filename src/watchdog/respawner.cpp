@@ -13,6 +13,7 @@
 #include "instance.h"
 #include "log/log.h"
 #include "os_ops.h"
+#include "service_notify.h"
 #include "std_capture.h"
 
 namespace {
@@ -87,6 +88,7 @@ void* watchdog_respawner_proc(void* arg)
     log_printf(LOG_INFO, "%s: entering", __func__);
 
     for (;;) {
+        service_notify_alive();
         int running = 0;
         int sig_cnt;
         uint32_t amend_now;

@@ -14,6 +14,7 @@
 #include "instance.h"
 #include "log/log.h"
 #include "respawner.h"
+#include "service_notify.h"
 
 std::atomic<int> sig_cnt{0};
 
@@ -169,9 +170,11 @@ void serve(instance* inst)
 {
     watchdog_respawner_start(inst);
     set_serving_state(true, false);
+    service_notify_ready();
     // A signal taken before the server was ready could not stop it.
     if (counter_of(inst).load() == 0) ctl_run(inst);
     set_serving_state(true, true);
+    service_notify_stopping();
     if (counter_of(inst).load() == 0) {
         // The children must still be stopped, or the join below never returns.
         log_printf(LOG_ERROR, "%s: control server ended without a termination signal", "main");

@@ -1,6 +1,8 @@
-#include "bounded.h"
+#include "bounded_text.h"
 
 #include <cstring>
+
+namespace bounded_text {
 
 void str_copy(char* dst, const char* src, std::size_t size)
 {
@@ -17,3 +19,5 @@ void str_cat(char* dst, const char* src, std::size_t size)
     std::size_t used = strnlen(dst, size - 1);
     str_copy(dst + used, src, size - used);
 }
+
+}  // namespace bounded_text
