@@ -5,12 +5,11 @@ disk and the largest configuration."""
 import os
 import re
 import shutil
-import signal
 import stat
 import subprocess
 import unittest
 
-from watchdog_harness import BIN, Watchdog, pid_listening_on, port_open, wait_until
+from watchdog_harness import BIN, Watchdog, pid_listening_on, wait_until
 
 # Records the child's open descriptors and its option file (path, modes, lines).
 RECORDER = """exec python3 -c '
@@ -59,7 +58,8 @@ class HostSafety(unittest.TestCase):
         self.wd.wait_port()
         with self.wd.rpc() as rpc:   # started while this request's connection is open
             self.assertEqual(rpc.VantrelWatchdog.SetField(0, "", "t_run", "")["ret"], 0)
-            fds, _, _, _ = self.record("mixer")
+            fds, conf, _, _ = self.record("mixer")
+        self.addCleanup(shutil.rmtree, os.path.dirname(conf), True)   # a killed supervisor leaves it
         self.assertEqual(fds, ["0", "1", "2"])
         orphan = self.wd.child_pids()[0]
         self.wd.extra_pids.append(orphan)
