@@ -3,6 +3,7 @@
 // output, so a caller holding the instance lock never waits for the disk.
 #include "log.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -14,8 +15,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "log_hooks.h"
 
@@ -23,6 +26,11 @@ namespace {
 
 constexpr std::size_t LOG_PATH_MAX = 4095;
 constexpr char OVERFLOW_MESSAGE[] = "ERROR! message queue OVERFLOW!!!\n";
+// Whatever the process umask (a daemon's is 0): nobody else writes the log.
+constexpr mode_t LOG_FILE_MODE = 0640;
+constexpr mode_t LOG_DIR_MODE = 0755;
+constexpr int LOG_KEEP_DEFAULT = 30;
+constexpr std::size_t ROTATED_STAMP_LEN = 16;   // "-%Y%m%d_%H%M%S"
 
 enum class log_state { idle, running, stopped };
 
@@ -41,6 +49,7 @@ struct log_shared {
     std::string path;
     int64_t rotate_interval = 0;
     int64_t last_rotation = 0;
+    std::atomic<int> keep{LOG_KEEP_DEFAULT};
 };
 
 log_shared g_log;
@@ -63,8 +72,30 @@ void make_parent_dirs(const std::string& path)
 {
     for (std::size_t pos = path.find('/'); pos != std::string::npos; pos = path.find('/', pos + 1)) {
         if (pos == 0) continue;
-        mkdir(path.substr(0, pos).c_str(), 0777);
+        mkdir(path.substr(0, pos).c_str(), LOG_DIR_MODE);
     }
+}
+
+bool is_rotated_stamp(const std::string& text)
+{
+    if (text.size() != ROTATED_STAMP_LEN || text[0] != '-' || text[9] != '_') return false;
+    for (std::size_t i = 1; i < text.size(); i++)
+        if (i != 9 && (text[i] < '0' || text[i] > '9')) return false;
+    return true;
+}
+
+void prune_rotated(const std::string& path)
+{
+    std::size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) names.emplace_back(e->d_name);
+        closedir(d);
+    }
+    for (const std::string& name : log_rotated_beyond(names, base, g_log.keep.load()))
+        unlink((dir + "/" + name).c_str());
 }
 
 void append_to_file(const std::string& line)
@@ -72,13 +103,13 @@ void append_to_file(const std::string& line)
     const std::string& path = g_log.path;
     time_t now = time(nullptr);
     if (log_rotation_due(g_log.last_rotation, g_log.rotate_interval, now)) {
-        rename(path.c_str(), log_rotated_name(path, now).c_str());
+        if (rename(path.c_str(), log_rotated_name(path, now).c_str()) == 0) prune_rotated(path);
         g_log.last_rotation = now;
     }
     struct stat st;
     if (stat(path.c_str(), &st) != 0) make_parent_dirs(path);
     // Opened per line so that others may move or delete the file at any time.
-    int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, LOG_FILE_MODE);
     if (fd < 0) return;
     write_all(fd, line.data(), line.size());
     close(fd);
@@ -185,6 +216,22 @@ std::string log_rotated_name(const std::string& path, time_t when)
     if (name.size() > LOG_PATH_MAX) name.resize(LOG_PATH_MAX);
     return name;
 }
+
+std::vector<std::string> log_rotated_beyond(const std::vector<std::string>& names, const std::string& base, int keep)
+{
+    std::vector<std::string> rotated;
+    for (const std::string& name : names)
+        if (name.size() > base.size() && name.compare(0, base.size(), base) == 0 &&
+            is_rotated_stamp(name.substr(base.size())))
+            rotated.push_back(name);
+    std::sort(rotated.begin(), rotated.end());   // the stamp sorts by time
+    std::size_t kept = static_cast<std::size_t>(std::max(keep, 0));
+    if (rotated.size() <= kept) return {};
+    rotated.resize(rotated.size() - kept);
+    return rotated;
+}
+
+void log_set_keep(int keep) { g_log.keep.store(keep); }
 
 int log_start(const char* path, int rotate_interval)
 {

@@ -17,6 +17,7 @@
 #include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
+#include "descriptors.h"
 #include "instance.h"
 #include "log/log.h"
 
@@ -137,6 +138,8 @@ int ctl_init(instance* inst)
     client_init_once(env.get());
     if (env.failed()) return ctl_init_failed("ctl_init: xmlrpc_client_init2 failed");
 
+    // The libraries open their sockets and pipes without close-on-exec.
+    fd_cloexec_sweep();
     return 0;
 }
 

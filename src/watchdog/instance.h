@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "bounded.h"
+#include "host_options.h"
 
 constexpr int APPS_MAX = 1024;
 constexpr std::size_t APP_ENVS_MAX = 64;
@@ -99,6 +100,7 @@ struct instance {
     bounded_str conf_file;
     bounded_str log_file_name;
     int log_rotate_interval = 0;
+    host_options host;
 };
 
 // 0; -EINVAL for a null holder; -ENOMEM when the record cannot be allocated.

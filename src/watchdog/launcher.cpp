@@ -19,7 +19,9 @@
 #include <string>
 
 #include "app_types.h"
+#include "child_conf.h"
 #include "child_registry.h"
+#include "descriptors.h"
 #include "instance.h"
 #include "log/log.h"
 #include "os_ops.h"
@@ -32,18 +34,9 @@ namespace {
 constexpr const char* PROC = "watchdog_respawner_run_proc";
 constexpr int WAIT_EINTR_RETRIES = 1000;
 
-// Launches are serialized by the barrier handshake under the instance lock,
-// so the sequence needs no lock of its own.
-unsigned conf_seq = 0;
-
 const char* type_name(int type)
 {
     return type >= 0 && type < APP_TYPES_CNT ? app_types[type].name : "?";
-}
-
-bool starts_with(const std::string& text, const char* prefix)
-{
-    return text.compare(0, strlen(prefix), prefix) == 0;
 }
 
 struct numa_mask_deleter {
@@ -82,7 +75,7 @@ void pipes_create(std_pipe pipes[STD_STREAMS], int debug)
 {
     for (int i = 0; i < STD_STREAMS; i++) {
         int fds[2];
-        if (pipe(fds) == 0) {
+        if (pipe2(fds, O_CLOEXEC) == 0) {
             pipes[i].rd = fds[0];
             pipes[i].wr = fds[1];
         } else {
@@ -103,13 +96,15 @@ void child_redirect(int unused_end, int used_end, int target)
 {
     if (unused_end >= 0 && unused_end != target) close(unused_end);
     if (used_end >= 0 && used_end != target) {
-        dup2(used_end, target);
+        dup2(used_end, target);   // the copy does not inherit close-on-exec
         close(used_end);
+    } else if (used_end == target) {
+        fcntl(target, F_SETFD, 0);
     }
 }
 
 [[noreturn]] void child_exec(const char* path, const char* const argv[], const char* const envp[],
-                             const std_pipe pipes[STD_STREAMS], bitmask* numa_mask)
+                             const std_pipe pipes[STD_STREAMS], bitmask* numa_mask, mode_t child_umask)
 {
     if (numa_mask) numa_bind(numa_mask);
 
@@ -123,7 +118,7 @@ void child_redirect(int unused_end, int used_end, int target)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
 
-    umask(0);
+    umask(child_umask);
     setsid();
     if (chdir("/") != 0) {
         // Not fatal: the application runs in the inherited directory.
@@ -131,6 +126,7 @@ void child_redirect(int unused_end, int used_end, int target)
     child_redirect(pipes[0].wr, pipes[0].rd, 0);
     child_redirect(pipes[1].rd, pipes[1].wr, 1);
     child_redirect(pipes[2].rd, pipes[2].wr, 2);
+    fd_close_above_stderr();
 
     execve(path, const_cast<char* const*>(argv), const_cast<char* const*>(envp));
     _exit(EXIT_EXEC_FAILED);
@@ -168,11 +164,18 @@ void launch_cleanup(instance* inst, app* record)
     fd_close(record->std_pipes[1].rd);
     fd_close(record->std_pipes[2].rd);
     record->amend++;
+    child_conf_remove(*record);
+}
+
+// The option file could not be written: a half-configured child is worse than
+// none, so nothing starts and the next pass tries again, as after a failed fork.
+void launch_refuse_conf(app* record)
+{
+    log_printf(LOG_ERROR, "%s: option file not written for type={%s}, not started", PROC, type_name(record->type));
+    str_copy(record->err, "Option file error");
 }
 
 }  // namespace
-
-unsigned launch_conf_seq() { return conf_seq; }
 
 bool launch_runnable(const app& record)
 {
@@ -201,36 +204,6 @@ void launch_exec_path(const app& record, char* path, std::size_t size)
     str_cat(path, exe ? exe : "", size);
 }
 
-int launch_write_child_conf(app& record)
-{
-    char path[64];
-    snprintf(path, sizeof(path), "/tmp/watchdog-%d-%03u.conf", static_cast<int>(getpid()), conf_seq);
-    conf_seq++;
-    str_copy(record.child_conf_file, path);
-
-    FILE* file = fopen(path, "wte");
-    if (!file) {
-        int err = errno;
-        log_printf(LOG_ERROR, "%s: failed to open [%s]", PROC, path);
-        return -err;
-    }
-    bool given[APP_DEFAULT_OPTS_CNT] = {};
-    for (const bounded_str& raw : record.raws) {
-        fprintf(file, "%s\n", raw.c_str());
-        for (int bit = 0; bit < APP_DEFAULT_OPTS_CNT; bit++)
-            if (starts_with(raw.str(), app_default_opts[bit])) given[bit] = true;
-    }
-    if (!record.alias.empty()) {
-        uint64_t flags = app_types[record.type].flags;
-        for (int bit = 0; bit < APP_DEFAULT_OPTS_CNT; bit++) {
-            if (!(flags & (uint64_t{1} << bit)) || given[bit]) continue;
-            fprintf(file, "%s%s\n", app_default_opts[bit], app_default_opt_value(bit, record.alias.str()).c_str());
-        }
-    }
-    fclose(file);
-    return 0;
-}
-
 int launch_build_argv(app& record, const char* path, const char* argv[LAUNCH_VEC_SLOTS])
 {
     std::fill(argv, argv + LAUNCH_VEC_SLOTS, nullptr);
@@ -246,7 +219,10 @@ int launch_build_argv(app& record, const char* path, const char* argv[LAUNCH_VEC
     }
     argv[n++] = "--nodemonize";
     if (!record.config.empty()) argv[n++] = record.config.c_str();
-    if (!record.raws.empty() && launch_write_child_conf(record) == 0) argv[n++] = record.child_conf_file.c_str();
+    if (!record.raws.empty()) {
+        if (child_conf_create(record) != 0) return -1;
+        argv[n++] = record.child_conf_file.c_str();
+    }
     return n;
 }
 
@@ -318,6 +294,11 @@ void* watchdog_respawner_run_proc(void* arg)
     const char* argv[LAUNCH_VEC_SLOTS];
     const char* envp[LAUNCH_VEC_SLOTS];
     int argc = launch_build_argv(*record, path.get(), argv);
+    if (argc < 0) {
+        launch_refuse_conf(record);
+        pthread_barrier_wait(&record->forker_barrier);
+        return nullptr;
+    }
     int envc = launch_build_envp(*record, *inst, envp);
     for (int i = 0; i < argc; i++) log_printf(LOG_INFO, "%s: argv[%d]=[%s]", PROC, i, argv[i]);
     for (int i = 0; i < envc; i++) log_printf(LOG_INFO, "%s: envp[%d]=[%s]", PROC, i, envp[i]);
@@ -327,13 +308,14 @@ void* watchdog_respawner_run_proc(void* arg)
     numa_mask_ptr numa_mask = numa_mask_prepare(record->numa_bind.str());
 
     pid_t pid = watchdog_os.fork();
-    if (pid == 0) child_exec(path.get(), argv, envp, pipes, numa_mask.get());
+    if (pid == 0) child_exec(path.get(), argv, envp, pipes, numa_mask.get(), static_cast<mode_t>(inst->host.child_umask));
     if (pid < 0) {
         log_printf(LOG_ERROR, "%s: fork failed, errno=[%d]", PROC, errno);
         for (int i = 0; i < STD_STREAMS; i++) {
             fd_close(pipes[i].rd);
             fd_close(pipes[i].wr);
         }
+        child_conf_remove(*record);
         path.reset();
         pthread_barrier_wait(&record->forker_barrier);
         return nullptr;

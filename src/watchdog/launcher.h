@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "child_conf.h"
+
 struct instance;
 struct app;
 
@@ -22,14 +24,13 @@ bool launch_runnable(const app& record);
 // (a script's bin_path is the program itself). `path` holds `size` bytes.
 void launch_exec_path(const app& record, char* path, std::size_t size);
 
-// Writes the per-child option file named by the next sequence number into
-// child_conf_file. 0, or -errno when it cannot be created (child_conf_file is
-// set either way).
-int launch_write_child_conf(app& record);
+// The per-child option file (child_conf.h), under the names the launch knew.
+inline int launch_write_child_conf(app& record) { return child_conf_create(record); }
+inline unsigned launch_conf_seq() { return child_conf_seq(); }
 
 // Fills argv (LAUNCH_VEC_SLOTS slots, null-terminated); writes the per-child option
 // file when the type takes one. Entries point into `record` or at `path`.
-// Returns the number of arguments.
+// Returns the number of arguments, or -1 when the option file could not be written.
 int launch_build_argv(app& record, const char* path, const char* argv[LAUNCH_VEC_SLOTS]);
 
 // Fills envp (LAUNCH_VEC_SLOTS slots, null-terminated) from the app's envs and the
@@ -42,5 +43,3 @@ int launch_build_envp(const app& record, const instance& inst, const char* envp[
 // start-error check. `now` and `started` are seconds; `status` is waitpid's.
 void launch_classify_end(app& record, int64_t now, int status);
 
-// The next per-child option file's sequence number (process-wide, never reset).
-unsigned launch_conf_seq();

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "banner.h"
+#include "conf_writer.h"
 #include "daemonize.h"
 #include "instance.h"
 #include "log/log.h"
@@ -34,8 +35,10 @@ int main(int argc, char** argv)
         daemonize();
     }
     // Only now: the writer thread would not survive the fork.
+    log_set_keep(inst->host.log_keep);
     log_start(inst->log_file_name.c_str(), inst->log_rotate_interval);
     log_printf(LOG_INFO, "%s", watchdog_banner());
+    watchdog_conf_remove_stale(inst);
 
     run_phase(inst);
 

@@ -14,6 +14,7 @@
 
 #include "app_types.h"
 #include "banner.h"
+#include "host_options.h"
 #include "instance.h"
 
 namespace {
@@ -22,8 +23,12 @@ constexpr int DEFAULT_PORT = 9000;
 constexpr const char* DEFAULT_LOG_FILE_NAME = "VantrelWatchdog.log";
 constexpr int DEFAULT_LOG_ROTATE_INTERVAL = 86400;
 
-constexpr int FILE_ARGS_MAX = 4095;        // argument lines one option file may hold
-constexpr int FILE_PIECES_MAX = 1 << 16;   // pieces read from one file, blank and comment lines included
+// Argument lines one option file may hold: all the writer produces for a full
+// table (type, alias, thumb, bin-path, numa-bind, respawn, autorun, every env
+// and raw of every application), with room to spare for the global options.
+constexpr int APP_LINES_MAX = 7 + static_cast<int>(APP_ENVS_MAX + APP_RAWS_MAX);
+constexpr int FILE_ARGS_MAX = APPS_MAX * APP_LINES_MAX + 4095;
+constexpr int FILE_PIECES_MAX = 4 * FILE_ARGS_MAX;   // blank and comment lines included
 constexpr int FILE_DEPTH_MAX = 32;         // option files open inside one another
 // Option files read in one start: a file that names another many times over,
 // through several levels, would otherwise multiply the reading without end.
@@ -153,6 +158,18 @@ struct file_chain {
 int opts_pass(instance* inst, int argc, char** argv, file_chain& chain);
 int opts_from_file(instance* inst, const char* path, file_chain& chain);
 
+// The main table followed by the host options' rows, built once.
+const struct option* all_long_opts()
+{
+    static const std::vector<struct option> table = [] {
+        std::vector<struct option> rows(std::begin(long_opts), std::end(long_opts) - 1);
+        rows.insert(rows.end(), host_long_opts, host_long_opts + host_long_opts_cnt);
+        rows.push_back({nullptr, 0, nullptr, 0});
+        return rows;
+    }();
+    return table.data();
+}
+
 void print_usage()
 {
     fprintf(stderr, "%s\n%s", watchdog_banner(), usage_text);
@@ -207,6 +224,7 @@ app* target_app(instance* inst)
 bool apply_option(instance* inst, int val, int pos, const char* value)
 {
     app* a = nullptr;
+    if (host_option_apply(inst, val, value)) return true;
     switch (val) {
     case OPT_HELP: print_usage(); return false;
     case OPT_TYPE: add_app(inst, pos, value); return true;
@@ -259,11 +277,19 @@ int opts_pass(instance* inst, int argc, char** argv_in, file_chain& chain)
     inst->log_rotate_interval = DEFAULT_LOG_ROTATE_INTERVAL;
     inst->port = DEFAULT_PORT;
 
+    // "-" hands every non-option over in order (as value 1) instead of
+    // permuting, and keeps doing so with POSIXLY_CORRECT set, which would
+    // otherwise end the options at the first file name.
+    std::vector<const char*> files;
     for (;;) {
         const char* current = next_option_element(argv.data(), argc);
         int pos = -1;
-        int val = getopt_long(argc, argv.data(), "h", long_opts, &pos);
+        int val = getopt_long(argc, argv.data(), "-h", all_long_opts(), &pos);
         if (val == -1) break;
+        if (val == 1) {
+            files.push_back(optarg);
+            continue;
+        }
         if (val == '?') {
             fprintf(stderr, "ERROR: Incorrect argument! [%s]\n", current);
             print_usage();
@@ -273,7 +299,7 @@ int opts_pass(instance* inst, int argc, char** argv_in, file_chain& chain)
     }
 
     // What is not an option names option files, read in their order.
-    std::vector<const char*> files(argv.begin() + std::min(optind, argc), argv.begin() + argc);
+    files.insert(files.end(), argv.begin() + std::min(optind, argc), argv.begin() + argc);   // after "--"
     for (const char* path : files) opts_from_file(inst, path, chain);
     return port_result(inst);
 }
@@ -295,7 +321,7 @@ struct file_lines {
 file_lines read_option_lines(FILE* f, const char* path)
 {
     file_lines out;
-    char piece[TEXT_FIELD_SIZE];   // a longer line arrives in pieces of 4095 bytes
+    char piece[OPTION_LINE_SIZE];   // a longer line arrives in pieces
     for (int n = 0;; n++) {
         if (n >= FILE_PIECES_MAX || static_cast<int>(out.args.size()) >= FILE_ARGS_MAX) {
             // A configuration this large is a mistake; use what came first.
@@ -317,7 +343,7 @@ file_lines read_option_lines(FILE* f, const char* path)
 
 int opts_from_file(instance* inst, const char* path, file_chain& chain)
 {
-    FILE* f = fopen(path, "r");
+    FILE* f = fopen(path, "re");
     if (!f) {
         int err = errno;
         fprintf(stderr, "%s: failed to open [%s]\n", "opts_from_file", path);

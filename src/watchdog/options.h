@@ -1,6 +1,12 @@
 #pragma once
 // Reading the command line and option files into the instance.
+#include <cstddef>
+
 struct instance;
+
+// One read of an option file's line: room for the longest option name, "=",
+// a full 4095-character value and the newline; longer lines come in pieces.
+constexpr std::size_t OPTION_LINE_SIZE = 8192;
 
 // One pass over argv (argv[0] is the program or the option file's path).
 // 0; -1 after --help or an incorrect argument; -EINVAL when port ends as 0.

@@ -112,7 +112,7 @@ void* watchdog_respawner_proc(void* arg)
             amend_now = inst->amend;
         }
         if (sig_cnt != 0 && running == 0) break;
-        if (amend_now == amend_seen) {
+        if (amend_now == amend_seen && !watchdog_save_pending(inst)) {
             usleep(PASS_PERIOD_US);
             continue;
         }

@@ -1,5 +1,7 @@
 #include "system_runner.h"
 
+#include "descriptors.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -23,6 +25,7 @@ int system_runner_default(const char* command)
 {
     const char* fake = getenv(SYSTEM_RUNNER_FAKE_ENV);
     if (fake && *fake) return record_command(fake, command);
+    fd_cloexec_sweep();   // the shell gets none of ours, open connections included
     return system(command);
 }
 

@@ -120,15 +120,15 @@ TEST_F(Launch, RawsAddTheOptionFileAsLastArgumentWithRisingSequence)
     r->config.set("cfg.xml");
     unsigned seq = launch_conf_seq();
     std::vector<std::string> argv = argv_of(r, "/opt/x/VantrelIO");
-    char expect[64];
-    snprintf(expect, sizeof(expect), "/tmp/watchdog-%d-%03u.conf", static_cast<int>(getpid()), seq);
+    char expect[128];
+    snprintf(expect, sizeof(expect), "%s/watchdog-%d-%03u.conf", child_conf_dir().c_str(), static_cast<int>(getpid()), seq);
     EXPECT_EQ(argv, (std::vector<std::string>{"/opt/x/VantrelIO", "--nodemonize", "cfg.xml", expect}));
     EXPECT_EQ(r->child_conf_file.str(), expect);
     EXPECT_EQ(launch_conf_seq(), seq + 1);
     EXPECT_EQ(file_text(expect), "--xmlrpc-port=9101\n");
 
     argv_of(r);
-    snprintf(expect, sizeof(expect), "/tmp/watchdog-%d-%03u.conf", static_cast<int>(getpid()), seq + 1);
+    snprintf(expect, sizeof(expect), "%s/watchdog-%d-%03u.conf", child_conf_dir().c_str(), static_cast<int>(getpid()), seq + 1);
     EXPECT_EQ(r->child_conf_file.str(), expect);
 }
 
