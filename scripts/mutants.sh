@@ -25,7 +25,7 @@ lib_sort_order|src/client/vantrel_lib.cpp|s/strcasecmp\(a->name, b->name\) < 0/s
 getapps_order|src/watchdog/ctl_status_methods.cpp|s/for \(int type = 1; type < APP_TYPES_CNT; type\+\+\) \{\n(\s*)xmlrpc_value\* name = xmlrpc_string_new\(env, app_types\[type\]/for (int type = APP_TYPES_CNT - 1; type >= 1; type--) {\n$1xmlrpc_value* name = xmlrpc_string_new(env, app_types[type]/
 conf_line_newline|src/watchdog/conf_writer.cpp|s/fputs\("--autorun=1\\n", f\)/fputs("--autorun=1", f)/
 usage_newline|src/watchdog/options.cpp|s/"    --log-rotate-interval=<INT>\\n"/"    --log-rotate-interval=<INT>"/
-fault_text|src/watchdog/ctl_server.cpp|s/%s is not available yet/%s is not available/
+fault_text|src/common/xmlrpc_fault_guard.cpp|s/it does not represent a 64 bit integer/it does not represent an integer/
 slot_limit|src/watchdog/instance.cpp|s/if \(inst->cnt >= APPS_MAX\) return -ENOMEM;/if (inst->cnt > APPS_MAX - 2) return -ENOMEM;/
 backup_name|src/watchdog/conf_writer.cpp|s/"%s-%ld\.%ld"/"%s-%ld_%ld"/
 client_param_order|src/client/vantrel_lib.cpp|s/m_rename_item, "\(ss\)", or_empty\(from\),\n(\s*)or_empty\(to\)/m_rename_item, "(ss)", or_empty(to),\n$1or_empty(from)/

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/xmlrpc_fault_guard.h"
 #include "standin.h"
 #include "vantrel.h"
 
@@ -214,6 +215,24 @@ TEST_F(Requests, ResultsComeBackUnchangedAndFailuresAsMinus14WithTheirLine)
     EXPECT_EQ(vantrel_cue_record(url, nullptr, "b"), -22);
     EXPECT_EQ(vantrel_playlist_append2(url, nullptr), -22);
     EXPECT_EQ(service.last(), before) << "refused before sending";
+}
+
+// The installed library crashes while wording this fault; ours words it instead.
+TEST(FaultGuard, MalformedI8InAnAnswerIsAParseFault)
+{
+    xmlrpc_fault_guard_install();
+    for (const char* text : {"5x", "-", "99999999999999999999", ""}) {
+        std::string doc = std::string("<?xml version=\"1.0\"?><methodResponse><params><param><value><struct><member>") +
+                          "<name>result</name><value><i8>" + text + "</i8></value></member></struct></value></param>" +
+                          "</params></methodResponse>";
+        xmlrpc_env_guard env;
+        xmlrpc_value_ref result;
+        int fault_code = 0;
+        const char* fault_string = nullptr;
+        xmlrpc_parse_response2(env.get(), doc.c_str(), doc.size(), result.out(), &fault_code, &fault_string);
+        EXPECT_NE(std::string(env.failed() ? env.fault_string() : "").find(
+                      "<i8> XML element value is invalid: it does not represent a 64 bit integer"), std::string::npos) << text;
+    }
 }
 
 }  // namespace
