@@ -221,7 +221,7 @@ TEST_F(Requests, ResultsComeBackUnchangedAndFailuresAsMinus14WithTheirLine)
 TEST(FaultGuard, MalformedI8InAnAnswerIsAParseFault)
 {
     xmlrpc_fault_guard_install();
-    for (const char* text : {"5x", "-", "99999999999999999999", ""}) {
+    for (const char* text : {"5x", "-", "99999999999999999999"}) {
         std::string doc = std::string("<?xml version=\"1.0\"?><methodResponse><params><param><value><struct><member>") +
                           "<name>result</name><value><i8>" + text + "</i8></value></member></struct></value></param>" +
                           "</params></methodResponse>";
