@@ -1,18 +1,20 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test, four times over:
+# Sets everything up and runs every test in four passes:
 #   1. the normal build (build/) and the whole suite;
 #   2. the whole suite again built with AddressSanitizer + UBSan (build-asan/);
-#   3. the whole suite again built with ThreadSanitizer (build-tsan/);
-#   4. every fuzz target for a bounded time (build-fuzz/, tests/fuzz/run_fuzzers.sh).
+#   3. the tests labelled "threads" built with ThreadSanitizer (build-tsan/);
+#   4. every fuzz target once over its committed corpus, a regression check
+#      (build-fuzz/, tests/fuzz/run_fuzzers.sh); long fuzzing is scripts/nightly.sh.
 # Sanitizer reports of every process, the supervisor under the end-to-end tests
 # included, go to files under build-*/sanitizer-reports/; any report fails its pass.
 #
 #   SKIP_SANITIZERS=1  only the normal suite and the fuzzers
 #   SKIP_FUZZ=1        no fuzzers
-#   FUZZ_SECONDS=N     per fuzz target (default 30)
+#   FUZZ_SECONDS=N     fuzz each target for N seconds instead of the corpus run
 #   BUILD_ROOT=DIR     where the build directories go (default: the checkout)
 #
-# The last line is the sum over all passes: "total: N passed, N failed".
+# Ends with the sum over all passes, "total: N passed, N failed", and the
+# size of the test code against the code (scripts/test-size.sh).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -55,8 +57,8 @@ count_reports() {
 
 # One pass: configure, build everything, run the whole suite.
 run_pass() {
-  local name=$1 dir=$2 exclude=$3
-  shift 3
+  local name=$1 dir=$2 exclude=$3 label=$4
+  shift 4
   local log="$dir/test-pass.log"
   local t0
   t0=$(date +%s)
@@ -73,13 +75,14 @@ run_pass() {
   echo "== $name: ctest"
   local args=(--test-dir "$dir" --output-on-failure -j"$jobs")
   [ -n "$exclude" ] && args+=(-E "$exclude")
+  [ -n "$label" ] && args+=(-L "$label")
   ctest "${args[@]}" 2>&1 | tee "$log"
   count_ctest "$name" "$log"
   echo "== $name: $(( $(date +%s) - t0 )) s"
 }
 
 # 1. The normal build.
-run_pass normal "$out/build" "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_pass normal "$out/build" "" "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 if [ -z "${SKIP_SANITIZERS:-}" ]; then
   # Tests that cannot work under a sanitizer, and why, are listed in
@@ -93,22 +96,22 @@ if [ -z "${SKIP_SANITIZERS:-}" ]; then
   export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:log_path=$reports/asan"
   export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan"
   export LSAN_OPTIONS="suppressions=$root/tests/sanitizer/lsan.supp:print_suppressions=0"
-  run_pass asan "$out/build-asan" "$(exclude_of tests/sanitizer/exclude-asan.txt)" \
+  run_pass asan "$out/build-asan" "$(exclude_of tests/sanitizer/exclude-asan.txt)" "" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTREL_ASAN=ON
   unset ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS
   count_reports asan "$reports"
 
-  # 3. Threads.
+  # 3. Threads: only the tests whose code runs threads of its own.
   reports="$out/build-tsan/sanitizer-reports"
   rm -rf "$reports"; mkdir -p "$reports"
   export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:log_path=$reports/tsan:suppressions=$root/tests/sanitizer/tsan.supp"
-  run_pass tsan "$out/build-tsan" "$(exclude_of tests/sanitizer/exclude-tsan.txt)" \
+  run_pass tsan "$out/build-tsan" "$(exclude_of tests/sanitizer/exclude-tsan.txt)" threads \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTREL_TSAN=ON
   unset TSAN_OPTIONS
   count_reports tsan "$reports"
 fi
 
-# 4. Fuzzers, each for FUZZ_SECONDS (default 30).
+# 4. Fuzzers: each target over its committed corpus.
 if [ -z "${SKIP_FUZZ:-}" ]; then
   mkdir -p "$out/build-fuzz"
   fuzz_log="$out/build-fuzz/run.log"
@@ -128,4 +131,5 @@ echo
 echo "== summary ($(( $(date +%s) - t_start )) s)"
 for r in "${report[@]}"; do echo "   $r"; done
 echo "total: $total_passed passed, $total_failed failed"
+bash scripts/test-size.sh
 [ "$total_failed" -eq 0 ]

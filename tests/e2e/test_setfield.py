@@ -69,56 +69,6 @@ class SetFieldCase(unittest.TestCase):
 
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
-class SlotCommands(SetFieldCase):
-    def test_moves_change_indexes_not_handles(self):
-        h = handles(self.rpc)
-        before = self.amend()
-        self.assertEqual(set_field(self.rpc, 2, "", "t_up"), 0)
-        self.assertEqual(aliases(self.rpc), ["A", "C", "B"])
-        self.assertEqual(handles(self.rpc), [h[0], h[2], h[1]])
-        self.assertEqual(self.rpc.VantrelWatchdog.GetItem(-1, h[2])["ret"], 1)
-        self.assertEqual(set_field(self.rpc, -1, h[0], "T_DOWN"), 0)
-        self.assertEqual(aliases(self.rpc), ["C", "A", "B"])
-        # At the edges nothing moves, yet the configuration counter still moves.
-        self.assertEqual(set_field(self.rpc, 0, "", "t_up"), 0)
-        self.assertEqual(set_field(self.rpc, 2, "", "t_down"), 0)
-        self.assertEqual(aliases(self.rpc), ["C", "A", "B"])
-        self.assertEqual(self.amend(), (before + 4) & 0xFFFFFFFF)
-
-    def test_delete_shifts_later_slots(self):
-        h = handles(self.rpc)
-        self.assertEqual(set_field(self.rpc, 0, "", "t_del"), 0)
-        self.assertEqual(aliases(self.rpc), ["B", "C"])
-        self.assertEqual(handles(self.rpc), h[1:])
-        self.assertEqual(self.rpc.VantrelWatchdog.GetItem(-1, h[0]), {"ret": ERANGE})
-        self.assertEqual(self.rpc.VantrelWatchdog.GetItem(-1, h[2])["ret"], 1)
-
-    def test_clone_inserts_behind_its_source(self):
-        set_field(self.rpc, 1, "", "f_autorun", "1")
-        h = handles(self.rpc)
-        self.assertEqual(set_field(self.rpc, 1, "", "t_clone"), 0)
-        got = entries(self.rpc)
-        self.assertEqual([e["alias"] for e in got], ["A", "B", "B(clone)", "C"])
-        self.assertEqual([got[i]["ptr"] for i in (0, 1, 3)], h)
-        self.assertNotIn(got[2]["ptr"], h)
-        clone = got[2]
-        self.assertEqual((clone["pid"], clone["started"], clone["terminated"], clone["f_autorun"],
-                          clone["f_respawn"], clone["amend"]), (0, 0, 0, 0, 0, 0))
-        src, copy = (self.rpc.VantrelWatchdog.GetItem(i, "") for i in (1, 2))
-        for key in ("id", "id_name", "config", "thumb", "bin_path", "numa_bind", "raws", "envs"):
-            self.assertEqual(src[key], copy[key], key)
-
-    def test_unknown_command_depends_on_the_addressed_application(self):
-        before = self.amend()
-        self.assertEqual(set_field(self.rpc, 0, "", "t_bogus"), ENOENT)
-        self.assertEqual(set_field(self.rpc, 99, "", "t_bogus"), ERANGE)
-        self.assertEqual(set_field(self.rpc, -1, "", "f_respawn", "1"), ERANGE)
-        self.assertEqual(self.amend(), before)
-        self.wd.wait_log(r"ctl_method_SetField: field=\[t_bogus\] not known")
-        self.wd.wait_log(r"ctl_method_SetField: idx=99 out of apps range \(3\)")
-
-
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class RunAndTerminate(SetFieldCase):
     def test_run_then_terminate_twice_sends_one_signal(self):
         idx = self.add_child_app()
@@ -140,17 +90,6 @@ class RunAndTerminate(SetFieldCase):
             self.assertEqual(f.read().split(), ["INT"])
         self.assertEqual(set_field(self.rpc, idx, "", "t_term"), 0)
         self.wd.wait_log(r"ctl_method_SetField: not running")
-
-    def test_respawn_flag_values(self):
-        idx = self.add_child_app()
-        for val, want in (("1", 1), ("abc", 0), ("2", 2)):
-            self.assertEqual(set_field(self.rpc, idx, "", "f_respawn", val), 0)
-            self.assertEqual(entries(self.rpc)[idx]["f_respawn"], want, val)
-        self.wait_pid(idx)
-        # Stop it for good: the flag first, then the signal.
-        self.assertEqual(set_field(self.rpc, idx, "", "f_respawn", "0"), 0)
-        self.assertEqual(set_field(self.rpc, idx, "", "t_term"), 0)
-        self.wait_pid(idx, running=False)
 
     def test_running_application_is_not_deleted(self):
         idx = self.add_child_app()

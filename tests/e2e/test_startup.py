@@ -111,19 +111,6 @@ class ForegroundRun(unittest.TestCase):
             self.assertEqual(f.read(), "earlier run\n")
         self.assertNotIn("earlier run", self.wd.log())
 
-    def test_nodemonize_keeps_the_foreground_and_echo(self):
-        self.wd.write_conf([])
-        err_path = self.wd.path("stderr.txt")
-        with open(err_path, "w") as err:
-            self.wd.start([self.wd.conf_path, "--demonize", "--nodemonize"], stderr=err)
-        self.wd.wait_port()
-        self.assertIsNone(self.wd.proc.poll())
-        self.assertEqual(pid_listening_on(self.wd.port), self.wd.proc.pid)
-        self.assertEqual(self.wd.stop(), 0)
-        with open(err_path) as f:
-            echoed = log_messages(f.read())
-        self.assertEqual(echoed, self.wd.messages())
-
     def test_busy_port_starts_nothing_and_exits_0(self):
         self.wd.add_script("VantrelElementsMixer", RECORDER)
         self.wd.write_conf(self.wd.app_lines("elem_mixer", "mixer", "--autorun=1"))
@@ -194,21 +181,6 @@ class ChildEnvironment(unittest.TestCase):
         self.assertEqual(self.wd.stop(), 0)
         taken = [m for m in self.wd.messages() if m.startswith("main: ")]
         self.assertEqual(taken, ["main: CUDA_VISIBLE_DEVICES=3"])
-
-    def test_all_three_variables_are_taken_in_order(self):
-        self.wd.start(env=clean_env(CUDA_VISIBLE_DEVICES="0,1", VANTREL_ELEMENTS_DEVICE="dev7",
-                                    CUDA_MPS_LOG_DIRECTORY="/tmp/mps"))
-        self.wd.wait_port()
-        env = self.child_env()
-        for entry in ("VANTREL_ELEMENTS_DEVICE=dev7", "CUDA_MPS_LOG_DIRECTORY=/tmp/mps",
-                      "CUDA_VISIBLE_DEVICES=0,1"):
-            self.assertIn(entry, env)
-        self.assertEqual(self.wd.stop(), 0)
-        taken = [m for m in self.wd.messages() if m.startswith("main: ")]
-        self.assertEqual(taken, ["main: VANTREL_ELEMENTS_DEVICE=dev7",
-                                 "main: CUDA_MPS_LOG_DIRECTORY=/tmp/mps",
-                                 "main: CUDA_VISIBLE_DEVICES=0,1"])
-
 
 class StartFailures(unittest.TestCase):
     """The forker must see its own child's exit status while the process-wide

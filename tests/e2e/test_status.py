@@ -43,16 +43,6 @@ class EmptyInstance(unittest.TestCase):
         self.assertEqual((len(apps), len(set(apps)), apps[0], apps[-1]), (45, 45, "filetranscoder", "elem_clock"))
         self.assertNotIn("none", apps)
 
-    def test_wrongly_typed_parameters_get_a_fault(self):
-        for args in (("0", "", "0", 1), (0, "", "0"), (0, 5, "0", 1)):
-            with self.assertRaises(xmlrpc.client.Fault):
-                self.rpc.VantrelWatchdog.GetStdXXXBuf(*args)
-        for args in (("secret",), (1, 2)):
-            with self.assertRaises(xmlrpc.client.Fault):
-                self.rpc.VantrelWatchdog.GetAuth(*args)
-        self.wd.wait_log(re.escape("ctl_method_GetAuth: xmlrpc_decompose_value('secret', 'session') failed"))
-
-
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class PopulatedInstance(unittest.TestCase):
     ALIASES = ["Mix plain", "Mix raw", "Flash", "SDI out", "NDI in", "JPEG", "Idle matrix", "Stubborn DVE"]

@@ -1,462 +1,189 @@
-// The option reader: defaults, the getopt_long rules, option files and their
-// nesting, the messages on standard error and the capacities of the records.
+// The option reader, one table row per command line: what it returns, what it
+// writes to standard error and the configuration it leaves. "@" in a row
+// stands for the row's scratch directory, where its option files are written.
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app_types.h"
 #include "banner.h"
-#include "instance.h"
-#include "options.h"
 #include "unit_support.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
 using namespace unit_support;
 
-const std::string usage_tail =
-    "Usage:\n"
-    "    VantrelWatchdog [args]\n"
-    "Where args:\n"
-    "    --port=<NUM>                           XMLRPC service port\n"
-    "    --demonize                         Become daemon on executing\n"
-    "\n"
-    "                                       Log file operation\n"
-    "    --log-file-name=<STR>\n"
-    "    --log-rotate-interval=<INT>\n"
-    "\n"
-    "    -h, --help                         Show this help and usage\n";
+const std::string DEF = "port=9000 log=VantrelWatchdog.log rot=86400";
 
-std::string usage() { return std::string(watchdog_banner()) + "\n" + usage_tail; }
-
-std::string incorrect(const std::string& arg)
+std::string usage()
 {
-    return "ERROR: Incorrect argument! [" + arg + "]\n" + usage();
+    return std::string(watchdog_banner()) +
+           "\nUsage:\n    VantrelWatchdog [args]\nWhere args:\n"
+           "    --port=<NUM>                           XMLRPC service port\n"
+           "    --demonize                         Become daemon on executing\n\n"
+           "                                       Log file operation\n"
+           "    --log-file-name=<STR>\n    --log-rotate-interval=<INT>\n\n"
+           "    -h, --help                         Show this help and usage\n";
+}
+std::string incorrect(const std::string& arg) { return "ERROR: Incorrect argument! [" + arg + "]\n" + usage(); }
+
+std::string repeat(const std::string& line, int n, bool numbered = false)
+{
+    std::string out;
+    for (int i = 0; i < n; i++) out += line + (numbered ? std::to_string(i) : "") + "\n";
+    return out;
 }
 
-class OptionsTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(instance_create(&inst_), 0); }
-    void TearDown() override { instance_destroy(&inst_); }
-
-    std::string file(const std::string& name, const std::string& text)
-    {
-        std::string path = (dir_ / name).string();
-        write_file(path, text);
-        return path;
-    }
-
-    // Runs one command-line pass; err_ receives what it wrote to stderr.
-    int run(std::vector<std::string> args) { return read_options(inst_, std::move(args), err_); }
-
-    const app& at(int i) { return *inst_->apps[i]; }
-
-    instance* inst_ = nullptr;
-    scratch_dir scratch_{"opts-test"};
-    fs::path dir_ = scratch_.path();
-    std::string err_;
+struct row {
+    std::vector<std::string> args;
+    std::vector<std::pair<std::string, std::string>> files;   // name, text
+    int ret;
+    std::string err;
+    std::string state;
 };
 
-// ---- defaults and global options ----
-
-TEST_F(OptionsTest, NoArgumentsLeaveTheDefaults)
+std::string at(std::string text, const std::string& dir)
 {
-    EXPECT_EQ(run({}), 0);
-    EXPECT_EQ(inst_->port, 9000);
-    EXPECT_EQ(inst_->log_file_name.str(), "VantrelWatchdog.log");
-    EXPECT_EQ(inst_->log_rotate_interval, 86400);
-    EXPECT_EQ(inst_->cnt, 0);
-    EXPECT_EQ(inst_->amend, 0u);
-    EXPECT_TRUE(inst_->conf_file.empty());
-    EXPECT_EQ(err_, "");
+    for (std::size_t p = text.find('@'); p != std::string::npos; p = text.find('@', p + dir.size()))
+        text.replace(p, 1, dir);
+    return text;
 }
 
-TEST_F(OptionsTest, EveryGlobalOptionIsStored)
+TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
 {
-    EXPECT_EQ(run({"--port=9100", "--instance-name=studio 1", "--web-auth-secret=s3", "--log-file-name", "/var/w.log",
-                   "--log-rotate-interval=60", "--demonize", "--nodemonize", "--realtime-io", "--cpu-affinity=3",
-                   "--realtime-cpu=-2", "--debug", "--debug"}),
-              0);
-    EXPECT_EQ(inst_->port, 9100);
-    EXPECT_EQ(inst_->instance_name.str(), "studio 1");
-    EXPECT_EQ(inst_->web_auth_secret.str(), "s3");
-    EXPECT_EQ(inst_->log_file_name.str(), "/var/w.log");
-    EXPECT_EQ(inst_->log_rotate_interval, 60);
-    EXPECT_EQ(inst_->demonize, 1);
-    EXPECT_EQ(inst_->nodemonize, 1);
-    EXPECT_EQ(inst_->realtime_io, 1);
-    EXPECT_EQ(inst_->cpu_affinity, 3);
-    EXPECT_EQ(inst_->realtime_cpu, -2);
-    EXPECT_EQ(inst_->debug, 2);
-    EXPECT_EQ(err_, "");
-}
-
-TEST_F(OptionsTest, NumbersUseTheLeadingNumber)
-{
-    EXPECT_EQ(run({"--port=  +9123abc", "--log-rotate-interval=12.5"}), 0);
-    EXPECT_EQ(inst_->port, 9123);
-    EXPECT_EQ(inst_->log_rotate_interval, 12);
-}
-
-TEST_F(OptionsTest, PortWithoutDigitsIsRequiredAgain)
-{
-    EXPECT_EQ(run({"--port=abc"}), -EINVAL);
-    EXPECT_EQ(inst_->port, 0);
-    EXPECT_EQ(err_, "ERROR: argument '--port' required\n");
-}
-
-TEST_F(OptionsTest, ValueTakenFromTheNextArgumentEvenWhenItLooksLikeAFile)
-{
-    // getopt_long takes the next element as the value, so no file is read.
-    EXPECT_EQ(run({"--port", "watchdog.conf"}), -EINVAL);
-    EXPECT_EQ(err_, "ERROR: argument '--port' required\n");
-}
-
-// ---- errors and usage ----
-
-TEST_F(OptionsTest, HelpPrintsTheUsageAndFails)
-{
-    for (const char* arg : {"--help", "-h", "--he"}) {
-        EXPECT_EQ(run({arg}), -1) << arg;
-        EXPECT_EQ(err_, usage()) << arg;
-    }
-}
-
-TEST_F(OptionsTest, IncorrectArgumentsNameTheElementAsGiven)
-{
-    struct {
-        std::vector<std::string> args;
-        std::string shown;
-    } cases[] = {
-        {{"--bogus"}, "--bogus"},
-        {{"--demonize=1"}, "--demonize=1"},            // value for an option without one
-        {{"--lib=x", "--port"}, "--port"},             // missing value at the end
-        {{"--port 9000"}, "--port 9000"},              // one element holding a blank
-        {{"-x"}, "-x"},
-        {{"-xh"}, "-xh"},                              // error inside a cluster
-        {{"--instance-name", "-x", "-xh"}, "-xh"},     // an equal-looking value before it
-        {{"--l=q"}, "--l=q"},                          // lcd, lib, ... and log-*: ambiguous
-        {{"--re"}, "--re"},                            // respawn, realtime-io, realtime-cpu
-        {{"--elem_m=1", "--d"}, "--d"},                // demonize or debug
+    const std::string big(5000, 'v'), cut(4095, 'v');
+    const row rows[] = {
+        {{}, {}, 0, "", DEF + " apps=0"},
+        {{"--port=9100", "--instance-name=studio 1", "--web-auth-secret=s3", "--log-file-name", "/var/w.log",
+          "--log-rotate-interval=60", "--demonize", "--nodemonize", "--realtime-io", "--cpu-affinity=3",
+          "--realtime-cpu=-2", "--debug", "--debug"}, {}, 0, "",
+         "port=9100 log=/var/w.log rot=60 name=studio 1 secret=s3 demonize=1 nodemonize=1 debug=2 cpu=3 rtio=1 "
+         "rtcpu=-2 apps=0"},
+        {{"--port=  +9123abc", "--log-rotate-interval=12.5"}, {}, 0, "", "port=9123 log=VantrelWatchdog.log rot=12 apps=0"},
+        {{"--port=abc"}, {}, -EINVAL, "ERROR: argument '--port' required\n", "port=0 log=VantrelWatchdog.log rot=86400 apps=0"},
+        {{"--port", "w.conf"}, {}, -EINVAL, "ERROR: argument '--port' required\n", "port=0 log=VantrelWatchdog.log rot=86400 apps=0"},
+        {{"--help"}, {}, -1, usage(), DEF + " apps=0"},
+        {{"-h"}, {}, -1, usage(), DEF + " apps=0"},
+        {{"--he"}, {}, -1, usage(), DEF + " apps=0"},
+        {{"--bogus"}, {}, -1, incorrect("--bogus"), DEF + " apps=0"},
+        {{"--demonize=1"}, {}, -1, incorrect("--demonize=1"), DEF + " apps=0"},
+        {{"--lib=x", "--port"}, {}, -1, incorrect("--port"), DEF + " apps=1 [6:x]"},
+        {{"--port 9000"}, {}, -1, incorrect("--port 9000"), DEF + " apps=0"},
+        {{"--instance-name", "-x", "-xh"}, {}, -1, incorrect("-xh"), DEF + " name=-x apps=0"},
+        {{"--l=q"}, {}, -1, incorrect("--l=q"), DEF + " apps=0"},
+        {{"--re"}, {}, -1, incorrect("--re"), DEF + " apps=0"},
+        {{"--lib=exact", "--elem_m=first", "--libc=u", "--elem_mo=m", "--elem_co=c", "--por=9200", "--deb"}, {}, 0, "",
+         "port=9200 log=VantrelWatchdog.log rot=86400 debug=1 apps=5"},
+        {{"--elem_mixer=/cfg/m.xml", "--alias=first", "--alias=Mixer", "--thumb=t.png", "--bin-path=/opt/b",
+          "--numa-bind=0,1", "--respawn=5", "--autorun=1", "--env=A=1", "--env=", "--env=B=2", "--raw=--x=1",
+          "--io=/cfg/io.xml", "--env=C=3"}, {}, 0, "",
+         DEF + " apps=2 [21:/cfg/m.xml alias=Mixer thumb=t.png bin=/opt/b numa=0,1 respawn=5 autorun=1 env=A=1,B=2 "
+               "raw=--x=1] [4:/cfg/io.xml env=C=3]"},
+        {{"--alias=x", "--env=A=1"}, {}, 0, "Error! No app defined\nError! No app defined\n", DEF + " apps=0"},
+        {{"--script=" + big, "--env=" + big, "--instance-name=" + big}, {}, 0, "",
+         DEF + " name=" + cut + " apps=1 [" + std::to_string(APP_TYPE_SCRIPT) + ":" + cut + " env=" + cut + "]"},
+        {{"--port=9100", "--log-file-name=cmd.log", "@w.conf"}, {{"w.conf", "--elem_mixer=/m.xml\n"}}, 0, "",
+         DEF + " conf=@w.conf apps=1 [21:/m.xml]"},
+        {{"@a.conf"}, {{"a.conf", "--elem_mixer=/m\n  --alias=Mixer 1  \n#--respawn=1\n\t # --autorun=1\r\n\r\n   \n"
+                                  "--respawn=1\r\n--thumb\n  pic one.png\t\n--numa-bind=1"}}, 0, "",
+         DEF + " conf=@a.conf apps=1 [21:/m alias=Mixer 1 thumb=pic one.png numa=1 respawn=1]"},
+        {{"@l.conf"}, {{"l.conf", "--lib=x\n--alias=" + std::string(4087, 'a') + "--debug\n"}}, 0, "",
+         DEF + " conf=@l.conf apps=1 [6:x alias=" + std::string(4087, 'a') + "--debug]"},
+        {{"@b.conf"}, {{"b.conf", "--lib=x\n--port 9000\n--io=y\n"}}, 0, incorrect("--port 9000"), DEF + " apps=1 [6:x]"},
+        {{"@o.conf"}, {{"i.conf", "--thumb=in\n--io=b\n--alias=Inner\n"}, {"o.conf", "--lib=a\n@i.conf\n--alias=Outer\n"}},
+         0, "", DEF + " conf=@o.conf apps=2 [6:a alias=Outer thumb=in] [4:b alias=Inner]"},
+        {{"@n.conf", "--instance-name=cmd"}, {{"n.conf", "--instance-name=file\n"}}, 0, "",
+         DEF + " name=file conf=@n.conf apps=0"},
+        {{"@1.conf", "@2.conf"}, {{"1.conf", "--lib=1\n"}, {"2.conf", "--io=2\n"}}, 0, "",
+         DEF + " conf=@2.conf apps=2 [6:1] [4:2]"},
+        {{"--", "--lib=x"}, {}, 0, "opts_from_file: failed to open [--lib=x]\n", DEF + " apps=0"},
+        {{"@g.conf", "@missing.conf"}, {{"g.conf", "--lib=x\n"}}, 0, "opts_from_file: failed to open [@missing.conf]\n",
+         DEF + " conf=@g.conf apps=1 [6:x]"},
+        {{"@e.conf"}, {{"e.conf", "# nothing\n\n"}}, 0, "", DEF + " conf=@e.conf apps=0"},
+        {{"@s.conf"}, {{"s.conf", "--lib=x\n@s.conf\n"}}, 0, "opts_from_file: [@s.conf] is already being read, skipped\n",
+         DEF + " conf=@s.conf apps=1 [6:x]"},
+        {{"@c1.conf"}, {{"c2.conf", "--io=b\n@c1.conf\n"}, {"c1.conf", "--lib=a\n@c2.conf\n"}}, 0,
+         "opts_from_file: [@c1.conf] is already being read, skipped\n", DEF + " conf=@c1.conf apps=2 [6:a] [4:b]"},
+        {{"@o2.conf"}, {{"i2.conf", "--io=y\n--bogus\n--ltc=z\n"}, {"o2.conf", "--lib=x\n@i2.conf\n"}}, 0,
+         incorrect("--bogus"), DEF + " conf=@o2.conf apps=2 [6:x] [4:y]"},
+        {{"@p.conf"}, {{"p.conf", "--port=0\n"}}, -EINVAL,
+         "ERROR: argument '--port' required\nERROR: argument '--port' required\n",
+         "port=0 log=VantrelWatchdog.log rot=86400 apps=0"},
+        // Room for everything the writer can produce: 1024 applications of 199 lines, plus 4095.
+        {{"@big.conf"}, {{"big.conf", repeat("--debug", 207876)}}, 0,
+         "opts_from_file: [@big.conf] is longer than 207871 argument lines or 831484 lines, the rest is ignored\n",
+         DEF + " debug=207871 conf=@big.conf apps=0"},
+        {{"@m.conf"}, {{"m.conf", repeat("--lib=", 1025, true) + "--alias=last\n"}}, 0,
+         "instance_opts: instance->apps.cnt=1024 is maximal\n", DEF + " conf=@m.conf apps=1024"},
+        {{"--lib=x"}, {}, 0, "", DEF + " apps=1 [6:x]"},
     };
-    for (auto& c : cases) {
-        instance_destroy(&inst_);
-        ASSERT_EQ(instance_create(&inst_), 0);
-        EXPECT_EQ(run(c.args), -1) << c.shown;
-        EXPECT_EQ(err_, incorrect(c.shown)) << c.shown;
+    for (const row& r : rows) {
+        scratch_dir dir("opts-test");
+        std::string d = dir.path().string() + "/";
+        for (auto& [name, text] : r.files) write_file(d + name, at(text, d));
+        std::vector<std::string> args;
+        for (const std::string& a : r.args) args.push_back(at(a, d));
+        instance* inst = nullptr;
+        ASSERT_EQ(instance_create(&inst), 0);
+        std::string err;
+        SCOPED_TRACE(testing::PrintToString(args).substr(0, 200));
+        EXPECT_EQ(read_options(inst, args, err), r.ret);
+        EXPECT_EQ(err, at(r.err, d));
+        EXPECT_EQ(describe(inst), at(r.state, d));
+        instance_destroy(&inst);
     }
 }
 
-TEST_F(OptionsTest, OptionsBeforeAnErrorStay)
+// Types follow the type table, whatever order the option table lists them in.
+TEST(Options, EveryTypeIsAnOptionAndPrefixesFollowTheTable)
 {
-    EXPECT_EQ(run({"--lib=a", "--instance-name=n", "--bogus", "--io=b"}), -1);
-    ASSERT_EQ(inst_->cnt, 1);
-    EXPECT_EQ(inst_->instance_name.str(), "n");
+    for (int i = 1; i < APP_TYPES_CNT; i++) {
+        instance* inst = nullptr;
+        ASSERT_EQ(instance_create(&inst), 0);
+        std::string err, name = app_types[i].name;
+        EXPECT_EQ(read_options(inst, {"--" + name + "=cfg"}, err), 0) << name;
+        EXPECT_EQ(inst->cnt == 1 ? inst->apps[0]->type : -1, i) << name;
+        EXPECT_EQ(instance_apps_lookup(name.c_str()), i);
+        instance_destroy(&inst);
+    }
+    for (const char* miss : {"ELEM_MIXER", "elem", "elem_mixer ", ""}) EXPECT_LT(instance_apps_lookup(miss), 0);
+    instance* inst = nullptr;
+    ASSERT_EQ(instance_create(&inst), 0);
+    std::string err;
+    EXPECT_EQ(read_options(inst, {"--lib=a", "--elem_m=b", "--libc=c", "--elem_mo=d", "--elem_co=e"}, err), 0);
+    std::string types;
+    for (int i = 0; i < inst->cnt; i++) types += std::to_string(inst->apps[i]->type) + " ";
+    EXPECT_EQ(types, "6 20 13 41 42 ");
+    instance_destroy(&inst);
 }
 
-// ---- abbreviations ----
-
-TEST_F(OptionsTest, PrefixesFollowTheTableOrder)
+// Files naming others 16 times over, four levels deep, stop at 4096 reads.
+TEST(Options, FileReadsStopAtTheBudgetAndRepeatedPassesStartClean)
 {
-    EXPECT_EQ(run({"--lib=exact", "--elem_m=first", "--libc=unique", "--elem_mo=mosaic", "--elem_co=color",
-                   "--por=9200", "--deb", "--inst=x"}),
-              0);
-    ASSERT_EQ(inst_->cnt, 5);
-    EXPECT_EQ(at(0).type, instance_apps_lookup("lib"));
-    EXPECT_EQ(at(0).config.str(), "exact");
-    EXPECT_EQ(at(1).type, instance_apps_lookup("elem_matrix"));
-    EXPECT_EQ(at(2).type, instance_apps_lookup("libcleaner"));
-    // The option table lists color before mosaic; the row index follows the type table.
-    EXPECT_EQ(at(3).type, 41);
-    EXPECT_EQ(at(4).type, 42);
-    EXPECT_EQ(inst_->port, 9200);
-    EXPECT_EQ(inst_->debug, 1);
-    EXPECT_EQ(inst_->instance_name.str(), "x");
-}
-
-// ---- applications ----
-
-TEST_F(OptionsTest, PerApplicationOptionsFillTheLastApplication)
-{
-    EXPECT_EQ(run({"--elem_mixer=/cfg/m.xml", "--alias=first", "--alias=Mixer", "--thumb=t.png", "--bin-path=/opt/b",
-                   "--numa-bind=0,1", "--respawn=5", "--autorun=1", "--env=A=1", "--env=B=2", "--raw=--x=1",
-                   "--io=/cfg/io.xml", "--env=C=3"}),
-              0);
-    ASSERT_EQ(inst_->cnt, 2);
-    EXPECT_EQ(inst_->amend, 2u);
-    EXPECT_EQ(inst_->last_app, inst_->apps[1]);
-    const app& m = at(0);
-    EXPECT_EQ(m.type, 21);
-    EXPECT_EQ(m.config.str(), "/cfg/m.xml");
-    EXPECT_EQ(m.alias.str(), "Mixer");
-    EXPECT_EQ(m.thumb.str(), "t.png");
-    EXPECT_EQ(m.bin_path.str(), "/opt/b");
-    EXPECT_EQ(m.numa_bind.str(), "0,1");
-    EXPECT_EQ(m.f_respawn, 5);
-    EXPECT_EQ(m.f_autorun, 1);
-    ASSERT_EQ(m.envs.size(), 2u);
-    EXPECT_EQ(m.envs[1].str(), "B=2");
-    ASSERT_EQ(m.raws.size(), 1u);
-    ASSERT_EQ(at(1).envs.size(), 1u);
-    EXPECT_EQ(at(1).envs[0].str(), "C=3");
-    EXPECT_NE(m.handle, 0u);
-}
-
-TEST_F(OptionsTest, PerApplicationOptionWithoutApplicationIsReported)
-{
-    EXPECT_EQ(run({"--alias=x", "--env=A=1"}), 0);
-    EXPECT_EQ(err_, "Error! No app defined\nError! No app defined\n");
-    EXPECT_EQ(inst_->cnt, 0);
-}
-
-TEST_F(OptionsTest, ListsDropWhatDoesNotFitAndStoreNoEmptyValue)
-{
-    std::vector<std::string> args{"--lib=x", "--env=", "--raw="};
-    for (int i = 0; i < 65; i++) args.push_back("--env=E" + std::to_string(i) + "=1");
-    for (int i = 0; i < 129; i++) args.push_back("--raw=--r" + std::to_string(i));
-    EXPECT_EQ(run(args), 0);
-    EXPECT_EQ(err_, "");
-    ASSERT_EQ(at(0).envs.size(), 64u);
-    EXPECT_EQ(at(0).envs[0].str(), "E0=1");
-    EXPECT_EQ(at(0).envs[63].str(), "E63=1");
-    ASSERT_EQ(at(0).raws.size(), 128u);
-    EXPECT_EQ(at(0).raws[127].str(), "--r127");
-}
-
-TEST_F(OptionsTest, LongValuesAreCut)
-{
-    std::string big(5000, 'v');
-    EXPECT_EQ(run({"--script=" + big, "--env=" + big, "--instance-name=" + big}), 0);
-    EXPECT_EQ(at(0).config.size(), 4095u);
-    EXPECT_EQ(at(0).envs[0].size(), 4095u);
-    EXPECT_EQ(inst_->instance_name.size(), 4095u);
-}
-
-TEST_F(OptionsTest, TheTableRefusesThe1025thApplication)
-{
-    std::string text;
-    for (int i = 0; i < 1025; i++) text += "--lib=" + std::to_string(i) + "\n";
-    std::string path = file("many.conf", text + "--alias=last\n");
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(err_, "instance_opts: instance->apps.cnt=1024 is maximal\n");
-    EXPECT_EQ(inst_->cnt, 1024);
-    EXPECT_EQ(inst_->amend, 1024u);
-    EXPECT_EQ(at(1023).config.str(), "1023");
-    // The refused option made no new last application.
-    EXPECT_EQ(at(1023).alias.str(), "last");
-}
-
-// ---- option files ----
-
-TEST_F(OptionsTest, FilePassStartsAgainFromTheDefaults)
-{
-    std::string path = file("watchdog.conf", "--elem_mixer=/cfg/mixer.xml\n");
-    EXPECT_EQ(run({"--port=9100", "--log-file-name=cmd.log", path}), 0);
-    EXPECT_EQ(inst_->port, 9000);
-    EXPECT_EQ(inst_->log_file_name.str(), "VantrelWatchdog.log");
-    EXPECT_EQ(inst_->cnt, 1);
-    EXPECT_EQ(inst_->conf_file.str(), path);
-}
-
-TEST_F(OptionsTest, FileLinesAreTrimmedAndCommentsSkipped)
-{
-    std::string path = file("a.conf",
-                            "--elem_mixer=/cfg/mixer.xml\n"
-                            "  --alias=Mixer 1  \n"
-                            "#--respawn=1\n"
-                            "\t # --autorun=1\r\n"
-                            "\r\n"
-                            "   \n"
-                            "--respawn=1\r\n"
-                            "--thumb\n"
-                            "  pic one.png\t\n"
-                            "--numa-bind=1");   // a last line without newline counts
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(err_, "");
-    ASSERT_EQ(inst_->cnt, 1);
-    EXPECT_EQ(at(0).alias.str(), "Mixer 1");
-    EXPECT_EQ(at(0).f_respawn, 1);
-    EXPECT_EQ(at(0).f_autorun, 0);
-    EXPECT_EQ(at(0).thumb.str(), "pic one.png");
-    EXPECT_EQ(at(0).numa_bind.str(), "1");
-}
-
-TEST_F(OptionsTest, LongLinesArriveInPiecesOf4095Bytes)
-{
-    // The first piece ends exactly at the option's last value byte; the rest of
-    // the line is an argument of its own.
-    std::string value(8191 - 8, 'a');
-    std::string path = file("long.conf", "--lib=x\n--alias=" + value + "--debug\n");
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(at(0).alias.str(), value.substr(0, 4095));
-    EXPECT_EQ(inst_->debug, 1);
-}
-
-TEST_F(OptionsTest, BlankInsteadOfEqualsFailsOnlyTheFile)
-{
-    std::string path = file("bad.conf", "--lib=x\n--port 9000\n--io=y\n");
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(err_, incorrect("--port 9000"));
-    EXPECT_EQ(inst_->cnt, 1);   // what came before the error stays
-    EXPECT_TRUE(inst_->conf_file.empty());
-}
-
-TEST_F(OptionsTest, NestedFileIsReadAfterItsFilesOptions)
-{
-    std::string inner = file("inner.conf", "--thumb=from-inner\n--io=b\n--alias=Inner\n");
-    std::string outer = file("outer.conf", "--lib=a\n" + inner + "\n--alias=Outer\n");
-    EXPECT_EQ(run({outer}), 0);
-    ASSERT_EQ(inst_->cnt, 2);
-    EXPECT_EQ(at(0).alias.str(), "Outer");
-    // last_app carries into the nested file until it adds its own.
-    EXPECT_EQ(at(0).thumb.str(), "from-inner");
-    EXPECT_EQ(at(1).alias.str(), "Inner");
-    EXPECT_EQ(inst_->conf_file.str(), outer);
-}
-
-TEST_F(OptionsTest, OptionsAfterAFileArePassedBeforeItIsRead)
-{
-    std::string path = file("n.conf", "--instance-name=from-file\n");
-    EXPECT_EQ(run({path, "--instance-name=from-cmd"}), 0);
-    EXPECT_EQ(inst_->instance_name.str(), "from-file");
-}
-
-TEST_F(OptionsTest, TwoFilesAreReadInOrder)
-{
-    std::string one = file("one.conf", "--lib=1\n");
-    std::string two = file("two.conf", "--io=2\n");
-    EXPECT_EQ(run({one, two}), 0);
-    ASSERT_EQ(inst_->cnt, 2);
-    EXPECT_EQ(at(0).config.str(), "1");
-    EXPECT_EQ(inst_->conf_file.str(), two);
-}
-
-TEST_F(OptionsTest, DoubleDashEndsTheOptions)
-{
-    EXPECT_EQ(run({"--", "--lib=x"}), 0);
-    EXPECT_EQ(err_, "opts_from_file: failed to open [--lib=x]\n");
-    EXPECT_EQ(inst_->cnt, 0);
-}
-
-TEST_F(OptionsTest, MissingFileIsReportedAndSkipped)
-{
-    std::string good = file("good.conf", "--lib=x\n");
-    std::string missing = (dir_ / "missing.conf").string();
-    EXPECT_EQ(run({good, missing}), 0);
-    EXPECT_EQ(err_, "opts_from_file: failed to open [" + missing + "]\n");
-    EXPECT_EQ(inst_->conf_file.str(), good);
-}
-
-TEST_F(OptionsTest, FileWithoutArgumentsCountsAsRead)
-{
-    std::string path = file("empty.conf", "# nothing\n\n");
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(inst_->conf_file.str(), path);
-}
-
-TEST_F(OptionsTest, UnreadableFileIsNotRecorded)
-{
-    // A directory opens for reading but every read fails.
-    EXPECT_EQ(run({dir_.string()}), 0);
-    EXPECT_NE(err_.find("opts_from_file: failed to read [" + dir_.string() + "]"), std::string::npos) << err_;
-    EXPECT_TRUE(inst_->conf_file.empty());
-}
-
-TEST_F(OptionsTest, FileNamingItselfIsReadOnce)
-{
-    std::string path = (dir_ / "self.conf").string();
-    file("self.conf", "--lib=x\n" + path + "\n");
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(inst_->cnt, 1);
-    EXPECT_NE(err_.find("[" + path + "] is already being read"), std::string::npos) << err_;
-    EXPECT_EQ(inst_->conf_file.str(), path);
-}
-
-TEST_F(OptionsTest, CycleThroughTwoFilesIsStopped)
-{
-    std::string a = (dir_ / "a.conf").string();
-    std::string b = file("b.conf", "--io=b\n" + a + "\n");
-    file("a.conf", "--lib=a\n" + b + "\n");
-    // Through a symbolic link the file is still the same one.
-    fs::create_symlink(a, dir_ / "link.conf");
-    file("b.conf", "--io=b\n" + (dir_ / "link.conf").string() + "\n");
-    EXPECT_EQ(run({a}), 0);
-    EXPECT_EQ(inst_->cnt, 2);
-    EXPECT_EQ(inst_->conf_file.str(), a);
-}
-
-TEST_F(OptionsTest, FilesNamingOthersManyTimesStopAtTheReadBudget)
-{
-    // Four levels of 16 references each would be 16^4 reads; the budget of
-    // 4096 file reads ends it, with a message, and the configuration stands.
-    std::string leaf = file("leaf.conf", "--lib=x\n");
-    std::string below = leaf;
+    scratch_dir dir("opts-budget");
+    std::string below = (dir.path() / "leaf.conf").string();
+    write_file(below, "--lib=x\n");
     for (int level = 0; level < 4; level++) {
-        std::string text;
-        for (int i = 0; i < 16; i++) text += below + "\n";
-        below = file("level" + std::to_string(level) + ".conf", text);
+        std::string text = repeat(below, 16), path = (dir.path() / ("l" + std::to_string(level))).string();
+        write_file(path, text);
+        below = path;
     }
-    EXPECT_EQ(run({below}), 0);
-    EXPECT_EQ(inst_->cnt, APPS_MAX);
-    EXPECT_NE(err_.find("skipped, more than 4096 option files read"), std::string::npos);
+    instance* inst = nullptr;
+    ASSERT_EQ(instance_create(&inst), 0);
+    std::string err;
+    EXPECT_EQ(read_options(inst, {below}, err), 0);
+    EXPECT_EQ(inst->cnt, APPS_MAX);
+    EXPECT_NE(err.find("skipped, more than 4096 option files read"), std::string::npos);
+    instance_destroy(&inst);
+    ASSERT_EQ(instance_create(&inst), 0);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(read_options(inst, {"--lib=x"}, err), 0);
+    EXPECT_EQ(read_options(inst, {"--bogus"}, err), -1);
+    EXPECT_EQ(read_options(inst, {"--port=9300"}, err), 0);
+    EXPECT_EQ(describe(inst), "port=9300 log=VantrelWatchdog.log rot=86400 apps=3 [6:x] [6:x] [6:x]");
+    instance_destroy(&inst);
 }
 
-TEST_F(OptionsTest, FailingNestedPassKeepsItsEarlierOptions)
-{
-    std::string inner = file("inner.conf", "--io=y\n--bogus\n--ltc=z\n");
-    std::string outer = file("outer.conf", "--lib=x\n" + inner + "\n");
-    EXPECT_EQ(run({outer}), 0);
-    EXPECT_EQ(err_, incorrect("--bogus"));
-    EXPECT_EQ(inst_->cnt, 2);
-    EXPECT_EQ(inst_->conf_file.str(), outer);
-}
-
-TEST_F(OptionsTest, PortZeroInAFileFailsBothPasses)
-{
-    std::string path = file("p.conf", "--port=0\n");
-    EXPECT_EQ(run({path}), -EINVAL);
-    EXPECT_EQ(err_, "ERROR: argument '--port' required\nERROR: argument '--port' required\n");
-    EXPECT_TRUE(inst_->conf_file.empty());
-}
-
-TEST_F(OptionsTest, ArgumentLinesBeyond4095AreIgnored)
-{
-    std::string text;
-    for (int i = 0; i < 1024 * 199 + 4100; i++) text += "--debug\n";
-    std::string path = file("big.conf", text);
-    EXPECT_EQ(run({path}), 0);
-    EXPECT_EQ(inst_->debug, 1024 * 199 + 4095);
-    EXPECT_NE(err_.find("the rest is ignored"), std::string::npos) << err_;
-}
-
-// ---- repeated use in one process ----
-
-TEST_F(OptionsTest, RepeatedPassesLeaveTheCallersVectorAndStartClean)
-{
-    std::string path = file("r.conf", "--io=y\n");
-    std::vector<std::string> args{"VantrelWatchdog", path, "--lib=x"};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<char*> before = argv;
-    for (int i = 0; i < 3; i++) {
-        ::testing::internal::CaptureStderr();
-        EXPECT_EQ(instance_opts(inst_, 3, argv.data()), 0);
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(argv, before);
-    }
-    ASSERT_EQ(inst_->cnt, 6);
-    EXPECT_EQ(at(4).config.str(), "x");
-    EXPECT_EQ(at(5).config.str(), "y");
-    // An error in one pass does not disturb the next one.
-    EXPECT_EQ(run({"--bogus"}), -1);
-    EXPECT_EQ(run({"--port=9300"}), 0);
-    EXPECT_EQ(inst_->port, 9300);
-}
-
-}   // namespace
+}  // namespace

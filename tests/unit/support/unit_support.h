@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "common/xmlrpc_raii.h"
 #include "instance.h"
 #include "options.h"
 
@@ -106,36 +105,48 @@ inline int read_options(instance* inst, std::vector<std::string> args, std::stri
     return r;
 }
 
-// An array of strings for built request parameters.
-inline xmlrpc_value* string_array(xmlrpc_env* env, const std::vector<std::string>& items)
+// A list as "a,b" or, when long, "N:first..last".
+template <typename List>
+std::string list_text(const List& list)
 {
-    xmlrpc_value* array = xmlrpc_array_new(env);
-    for (const std::string& item : items) {
-        xmlrpc_value_ref value(xmlrpc_string_new(env, item.c_str()));
-        xmlrpc_array_append_item(env, array, value.get());
-    }
-    return array;
+    if (list.size() > 3) return std::to_string(list.size()) + ":" + list[0].str() + ".." + list[list.size() - 1].str();
+    std::string out;
+    for (std::size_t i = 0; i < list.size(); i++) out += (i ? "," : "") + list[i].str();
+    return out;
 }
 
-// Calls a control method with `params` (taken over); the reply's "ret", or
-// INT32_MIN for a fault, whose code lands in `fault` when given. A fault must
-// come without a reply. `members` receives the reply's member count.
-template <typename Method>
-int call_ret(Method method, xmlrpc_value* params, instance* inst, int* fault = nullptr, int* members = nullptr)
+// The whole configuration as one line: the three per-pass globals always, the
+// rest when set, then every application (only the count past three).
+inline std::string describe(const instance* inst)
 {
-    xmlrpc_value_ref owned(params);
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref reply(method(env.get(), params, inst, nullptr));
-    if (env.failed()) {
-        EXPECT_FALSE(reply) << "a fault comes without a reply";
-        if (fault) *fault = env.fault_code();
-        return INT32_MIN;
+    std::ostringstream out;
+    out << "port=" << inst->port << " log=" << inst->log_file_name.str() << " rot=" << inst->log_rotate_interval;
+    auto text = [&](const char* key, const bounded_str& v) { if (!v.empty()) out << " " << key << "=" << v.str(); };
+    auto num = [&](const char* key, long v) { if (v) out << " " << key << "=" << v; };
+    text("name", inst->instance_name);
+    text("secret", inst->web_auth_secret);
+    num("demonize", inst->demonize);
+    num("nodemonize", inst->nodemonize);
+    num("debug", inst->debug);
+    num("cpu", inst->cpu_affinity);
+    num("rtio", inst->realtime_io);
+    num("rtcpu", inst->realtime_cpu);
+    text("conf", inst->conf_file);
+    out << " apps=" << inst->cnt;
+    for (int i = 0; i < inst->cnt && inst->cnt <= 3; i++) {
+        const app& a = *inst->apps[i];
+        out << " [" << a.type << ":" << a.config.str();
+        text("alias", a.alias);
+        text("thumb", a.thumb);
+        text("bin", a.bin_path);
+        text("numa", a.numa_bind);
+        num("respawn", a.f_respawn);
+        num("autorun", a.f_autorun);
+        if (!a.envs.empty()) out << " env=" << list_text(a.envs);
+        if (!a.raws.empty()) out << " raw=" << list_text(a.raws);
+        out << "]";
     }
-    int ret = 0;
-    xmlrpc_decompose_value(env.get(), reply.get(), "{s:i,*}", "ret", &ret);
-    EXPECT_FALSE(env.failed());
-    if (members) *members = xmlrpc_struct_size(env.get(), reply.get());
-    return ret;
+    return out.str();
 }
 
 }  // namespace unit_support

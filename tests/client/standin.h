@@ -1,0 +1,142 @@
+// A stand-in for the suite's services: an XML-RPC server on a free 127.0.0.1
+// port and a thread of its own. It records the last request's method and
+// parameters and answers every request with the value (or fault) set last.
+#pragma once
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <xmlrpc-c/server_abyss.h>
+
+#include "common/xmlrpc_raii.h"
+
+// Ints 1, i8 1L, doubles 1.5, strings "a", byte strings b"a", booleans, arrays
+// [a,b], structs {"k":v} in member order.
+inline std::string render(xmlrpc_value* v)
+{
+    xmlrpc_env_guard env;
+    std::string out;
+    switch (xmlrpc_value_type(v)) {
+    case XMLRPC_TYPE_INT: { int n = 0; xmlrpc_read_int(env.get(), v, &n); return std::to_string(n); }
+    case XMLRPC_TYPE_I8: { xmlrpc_int64 n = 0; xmlrpc_read_i8(env.get(), v, &n); return std::to_string(n) + "L"; }
+    case XMLRPC_TYPE_BOOL: { xmlrpc_bool b = 0; xmlrpc_read_bool(env.get(), v, &b); return b ? "true" : "false"; }
+    case XMLRPC_TYPE_DOUBLE: {
+        double d = 0;
+        xmlrpc_read_double(env.get(), v, &d);
+        char text[64];
+        snprintf(text, sizeof text, "%g", d);
+        return text;
+    }
+    case XMLRPC_TYPE_STRING: {
+        decoded_text s;
+        xmlrpc_read_string(env.get(), v, s.out());
+        decoded_adopt(s);
+        return std::string("\"") + s.get() + "\"";
+    }
+    case XMLRPC_TYPE_BASE64: {
+        size_t len = 0;
+        const unsigned char* data = nullptr;
+        xmlrpc_read_base64(env.get(), v, &len, &data);
+        out.assign(reinterpret_cast<const char*>(data), len);
+        free(const_cast<unsigned char*>(data));
+        return "b\"" + out + "\"";
+    }
+    case XMLRPC_TYPE_ARRAY:
+        for (int i = 0; i < xmlrpc_array_size(env.get(), v); i++) {
+            xmlrpc_value_ref item;
+            xmlrpc_array_read_item(env.get(), v, i, item.out());
+            out += (i ? "," : "") + render(item.get());
+        }
+        return "[" + out + "]";
+    case XMLRPC_TYPE_STRUCT:
+        for (int i = 0; i < xmlrpc_struct_size(env.get(), v); i++) {
+            xmlrpc_value_ref key, member;
+            xmlrpc_struct_read_member(env.get(), v, i, key.out(), member.out());
+            out += (i ? "," : "") + render(key.get()) + ":" + render(member.get());
+        }
+        return "{" + out + "}";
+    default: return "?";
+    }
+}
+
+class standin {
+public:
+    standin()
+    {
+        xmlrpc_env_guard env;
+        static std::once_flag once;
+        std::call_once(once, [] {
+            xmlrpc_env_guard e;
+            xmlrpc_server_abyss_global_init(e.get());
+            signal(SIGPIPE, SIG_IGN);
+        });
+        registry_ = xmlrpc_registry_new(env.get());
+        xmlrpc_registry_set_default_method(env.get(), registry_, &standin::handle, this);
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof addr;
+        bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+        url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/RPC2";
+        xmlrpc_server_abyss_parms parms{};
+        parms.registryP = registry_;
+        parms.keepalive_max_conn = 1;   // one request per connection: stopping never waits
+        parms.socket_bound = 1;
+        parms.socket_handle = fd;
+        xmlrpc_server_abyss_create(env.get(), &parms, XMLRPC_APSIZE(socket_handle), &abyss_);
+        thread_ = std::thread([this] {
+            xmlrpc_env_guard run_env;
+            xmlrpc_server_abyss_run_server(run_env.get(), abyss_);
+        });
+    }
+    ~standin()
+    {
+        xmlrpc_env_guard env;
+        xmlrpc_server_abyss_terminate(env.get(), abyss_);
+        thread_.join();
+        xmlrpc_server_abyss_destroy(abyss_);
+        xmlrpc_registry_free(registry_);
+    }
+    // Every request gets `reply` (taken over), or the fault when code is not 0.
+    void answer(xmlrpc_value* reply, int fault_code = 0)
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        reply_.reset(reply);
+        fault_code_ = fault_code;
+    }
+    std::string last() const
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        return last_;
+    }
+    std::string url;
+
+private:
+    static xmlrpc_value* handle(xmlrpc_env* env, const char*, const char* method, xmlrpc_value* params, void* self)
+    {
+        auto* me = static_cast<standin*>(self);
+        std::lock_guard<std::mutex> hold(me->mutex_);
+        std::string tuple = render(params);
+        me->last_ = std::string(method) + "(" + tuple.substr(1, tuple.size() - 2) + ")";
+        if (me->fault_code_) xmlrpc_env_set_fault(env, me->fault_code_, "scripted fault");
+        if (me->fault_code_ || !me->reply_) return nullptr;
+        xmlrpc_INCREF(me->reply_.get());
+        return me->reply_.get();
+    }
+    mutable std::mutex mutex_;
+    std::string last_;
+    xmlrpc_value_ref reply_;
+    int fault_code_ = 0;
+    xmlrpc_registry* registry_ = nullptr;
+    xmlrpc_server_abyss_t* abyss_ = nullptr;
+    std::thread thread_;
+};

@@ -1,0 +1,388 @@
+// The control methods called directly with built parameter arrays; replies are
+// compared as compact text (member order, wire types and values). Machine
+// commands and signals go to recording fakes installed before any test runs.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
+#include <cstdarg>
+#include <ctime>
+#include <string>
+#include <thread>
+
+#include "banner.h"
+#include "common/xmlrpc_raii.h"
+#include "ctl.h"
+#include "ctl_methods.h"
+#include "os_ops.h"
+#include "system_runner.h"
+#include "unit_support.h"
+
+namespace {
+
+using namespace unit_support;
+using method_fn = xmlrpc_value* (*)(xmlrpc_env*, xmlrpc_value*, void*, void*);
+
+std::string g_effects;   // what the fake runner and the fake kill were asked to do
+int record_command(const char* command) { return g_effects += std::string(" run(") + command + ")", 0; }
+int record_kill(pid_t pid, int sig) { return g_effects += " kill(" + std::to_string(pid) + "," + std::to_string(sig) + ")", 0; }
+const bool g_fake_runner = (system_runner_set(record_command), true);
+
+// i8 values end in "L"; base64 shows only its length.
+std::string render(xmlrpc_value* v)
+{
+    xmlrpc_env_guard env;
+    std::string out;
+    switch (xmlrpc_value_type(v)) {
+    case XMLRPC_TYPE_INT: { int i = 0; xmlrpc_read_int(env.get(), v, &i); return std::to_string(i); }
+    case XMLRPC_TYPE_I8: { xmlrpc_int64 i = 0; xmlrpc_read_i8(env.get(), v, &i); return std::to_string(i) + "L"; }
+    case XMLRPC_TYPE_STRING: {
+        decoded_text s;
+        xmlrpc_read_string(env.get(), v, s.out());
+        decoded_adopt(s);
+        return std::string("'") + s.get() + "'";
+    }
+    case XMLRPC_TYPE_BASE64: {
+        size_t len = 0;
+        const unsigned char* data = nullptr;
+        xmlrpc_read_base64(env.get(), v, &len, &data);
+        free(const_cast<unsigned char*>(data));
+        return "b" + std::to_string(len);
+    }
+    case XMLRPC_TYPE_ARRAY:
+        for (int i = 0; i < xmlrpc_array_size(env.get(), v); i++) {
+            xmlrpc_value_ref item;
+            xmlrpc_array_read_item(env.get(), v, i, item.out());
+            out += (i ? "," : "") + render(item.get());
+        }
+        return "[" + out + "]";
+    case XMLRPC_TYPE_STRUCT:
+        for (int i = 0; i < xmlrpc_struct_size(env.get(), v); i++) {
+            xmlrpc_value_ref key, value;
+            xmlrpc_struct_read_member(env.get(), v, i, key.out(), value.out());
+            std::string k = render(key.get());
+            out += (i ? "," : "") + k.substr(1, k.size() - 2) + ":" + render(value.get());
+        }
+        return "{" + out + "}";
+    default: return "?";
+    }
+}
+
+struct Ctl : ::testing::Test {
+    void SetUp() override
+    {
+        ASSERT_TRUE(g_fake_runner);
+        ASSERT_EQ(instance_create(&inst), 0);
+        watchdog_os.kill = record_kill;
+        g_effects.clear();
+    }
+    void TearDown() override
+    {
+        for (int i = 0; i < inst->cnt; i++) inst->apps[i]->pid = 0;
+        instance_destroy(&inst);
+        os_ops_reset();
+    }
+    app* add(const std::string& alias, int type = 21, int pid = 0)
+    {
+        app* a = app_new();
+        a->type = type;
+        a->pid = pid;
+        a->alias.set(alias);
+        instance_slot_append(inst, a);
+        return a;
+    }
+    // The reply as text, or "fault"; what was logged meanwhile lands in `logged`.
+    std::string call(method_fn method, const char* format, ...)
+    {
+        xmlrpc_env_guard env;
+        va_list ap;
+        va_start(ap, format);
+        xmlrpc_value* params = nullptr;
+        const char* tail = nullptr;
+        xmlrpc_build_value_va(env.get(), format, ap, &params, &tail);
+        va_end(ap);
+        EXPECT_FALSE(env.failed());
+        xmlrpc_value_ref owned(params);
+        testing::internal::CaptureStderr();
+        xmlrpc_value_ref reply(method(env.get(), params, inst, nullptr));
+        logged = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(env.failed(), !reply);
+        return reply ? render(reply.get()) : "fault";
+    }
+    bool has_line(const std::string& line) const
+    {
+        for (const std::string& l : lines_of(logged))
+            if (l.size() > 28 && l.substr(0, 2) + l.substr(28) == line) return true;
+        return false;
+    }
+    // Slot order with each record's counter and run marks, the instance's counter and the effects.
+    std::string state() const
+    {
+        std::string out = std::to_string(inst->amend);
+        for (int i = 0; i < inst->cnt; i++) {
+            const app& a = *inst->apps[i];
+            out += " " + a.alias.str() + ":" + std::to_string(a.amend);
+            if (a.f_respawn) out += "r" + std::to_string(a.f_respawn);
+            if (a.f_autorun) out += "a" + std::to_string(a.f_autorun);
+            if (a.t_run) out += "run";
+            if (a.t_term) out += "term";
+        }
+        return out + g_effects;
+    }
+    instance* inst = nullptr;
+    std::string logged;
+};
+
+TEST_F(Ctl, SetFieldRows)
+{
+    struct {
+        const char* field;
+        int idx;
+        int ptr_of;   // slot whose handle is sent as ptr (idx is -1 then), or -1
+        const char* val;
+        const char* reply_state;
+        const char* line;   // mark and text of one logged line, or ""
+    } rows[] = {
+        {"f_respawn", 0, -1, "  -3x", "{ret:0} 5 a0:1r-3 a1:0 a2:0 a3:0", ""},
+        {"F_AUTORUN", -1, 2, "7 8", "{ret:0} 5 a0:0 a1:0 a2:1a7 a3:0", ""},
+        {"f_respawn", 0, -1, "abc", "{ret:0} 5 a0:1 a1:0 a2:0 a3:0", ""},
+        {"t_run", 0, -1, "", "{ret:0} 4 a0:0run a1:0 a2:0 a3:0", "! ctl_method_SetField: marking to start"},
+        {"T_RUN", 1, -1, "", "{ret:0} 4 a0:0 a1:0 a2:0 a3:0", "! ctl_method_SetField: already running"},
+        {"t_term", 1, -1, "", "{ret:0} 4 a0:0 a1:1term a2:0 a3:0 kill(4321,2)", ""},
+        {"t_term", 0, -1, "", "{ret:0} 4 a0:1 a1:0 a2:0 a3:0", "! ctl_method_SetField: not running"},
+        {"t_up", 3, -1, "", "{ret:0} 5 a0:0 a1:0 a3:0 a2:0", ""},
+        {"T_DOWN", -1, 0, "", "{ret:0} 5 a1:0 a0:0 a2:0 a3:0", ""},
+        {"t_up", 0, -1, "", "{ret:0} 5 a0:0 a1:0 a2:0 a3:0", ""},
+        {"t_del", 0, -1, "", "{ret:0} 5 a1:0 a2:0 a3:0", ""},
+        {"t_del", 1, -1, "", "{ret:0} 5 a0:0 a1:0 a2:0 a3:0", ""},
+        {"t_clone", 2, -1, "", "{ret:0} 5 a0:0 a1:0 a2:0 a2(clone):0 a3:0", ""},
+        {"t_bogus", 0, -1, "", "{ret:-2} 4 a0:0 a1:0 a2:0 a3:0", "! ctl_method_SetField: field=[t_bogus] not known"},
+        {"t_bogus", 4, -1, "", "{ret:-34} 4 a0:0 a1:0 a2:0 a3:0", "! ctl_method_SetField: idx=4 out of apps range (4)"},
+        {"f_respawn", -1, -1, "1", "{ret:-34} 4 a0:0 a1:0 a2:0 a3:0", ""},
+        {"t_reboot", 0, -1, "", "{ret:-2} 4 a0:0 a1:0 a2:0 a3:0", ""},
+        {"t_shutdown", -1, 3, "", "{ret:-2} 4 a0:0 a1:0 a2:0 a3:0", ""},
+        {"t_reboot", -1, -1, "", "{ret:0} 4 a0:0 a1:0 a2:0 a3:0 run(/usr/sbin/reboot)", "  ctl_method_SetField: will reboot"},
+        {"T_SHUTDOWN", 7, -1, "", "{ret:0} 4 a0:0 a1:0 a2:0 a3:0 run(/usr/sbin/halt -f -p)",
+         "  ctl_method_SetField: will shutdown"},
+        {"t_reboot", -1, -1, "", "{ret:0} 4 a0:0 a1:0 a2:0 a3:0 run(/usr/sbin/reboot)",
+         "? ctl_method_SetField: idx=-1, ptr=[], field=[t_reboot], val=[]"},
+    };
+    for (auto& r : rows) {
+        TearDown();
+        SetUp();
+        for (int i = 0; i < 4; i++) add("a" + std::to_string(i), 21, i == 1 ? 4321 : 0);
+        std::string ptr = r.ptr_of >= 0 ? "0X" + hex(inst->apps[r.ptr_of]->handle) : "";
+        std::string got = call(ctl_method_SetField, "(isss)", r.idx, ptr.c_str(), r.field, r.val);
+        SCOPED_TRACE(std::string(r.field) + " idx=" + std::to_string(r.idx) + " val=" + r.val);
+        EXPECT_EQ(got + " " + state(), r.reply_state);
+        if (*r.line) {
+            EXPECT_TRUE(has_line(r.line)) << logged;
+        }
+    }
+}
+
+TEST_F(Ctl, CloneIsCutToTheFieldAndRefusedWhenFullAndDeleteJoinsTheForker)
+{
+    add(std::string(TEXT_FIELD_MAX - 3, 'x'));
+    EXPECT_EQ(call(ctl_method_SetField, "(isss)", 0, "", "t_clone", ""), "{ret:0}");
+    EXPECT_EQ(inst->apps[1]->alias.str(), std::string(TEXT_FIELD_MAX - 3, 'x') + "(cl");
+    while (inst->cnt < APPS_MAX) add("n");
+    uint32_t amend = inst->amend;
+    EXPECT_EQ(call(ctl_method_SetField, "(isss)", 5, "", "t_clone", ""), "{ret:-12}");
+    EXPECT_TRUE(has_line("! ctl_method_SetField: instance->apps.cnt=1024 is maximal")) << logged;
+    EXPECT_EQ(inst->amend, amend);
+
+    // A launched record still has its forker thread; deletion waits for it.
+    static std::atomic<bool> forker_done;
+    forker_done = false;
+    app& record = *inst->apps[0];
+    pthread_barrier_init(&record.forker_barrier, nullptr, 2);
+    record.forker_cnt = 1;
+    auto slow_forker = [](void*) -> void* {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        forker_done = true;
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&record.forker, nullptr, slow_forker, nullptr), 0);
+    EXPECT_EQ(call(ctl_method_SetField, "(isss)", 0, "", "t_del", ""), "{ret:0}");
+    EXPECT_TRUE(forker_done) << "t_del returned before the forker thread ended";
+}
+
+TEST_F(Ctl, SetItemAddsAndUpdatesAndGetItemReadsBack)
+{
+    const char* item = "(isssssss(ss)(sss))";
+    EXPECT_EQ(call(ctl_method_SetItem, item, -1, "", "elem_mixer", "Mixer 1", "m.png", "/cfg/m.xml", "/opt", "0,1",
+                   "--x=1", "", "A=1", "B=2", "C=3"), "{ret:0}");
+    std::string h = hex(inst->apps[0]->handle);
+    EXPECT_EQ(call(ctl_method_GetItem, "(is)", 0, "junk"),
+              "{ret:0,ptr:'junk',id:21,id_name:'elem_mixer',alias:'Mixer 1',thumb:'m.png',config:'/cfg/m.xml',"
+              "bin_path:'/opt',numa_bind:'0,1',raws:['--x=1'],envs:['A=1','B=2','C=3']}");
+    EXPECT_EQ(state(), "2 Mixer 1:1");
+    // By handle in any spelling; the index is looked up afresh and echoed back.
+    add("second");
+    for (std::string ptr : {h, "  0x" + h})
+        EXPECT_EQ(call(ctl_method_SetItem, "(isssssss()())", -1, ptr.c_str(), "lib", "L", "", "", "", ""), "{ret:0}");
+    instance_slot_swap(inst, 0, 1);
+    EXPECT_EQ(call(ctl_method_GetItem, "(is)", -1, ("0X" + h).c_str()),
+              "{ret:1,ptr:'0X" + h + "',id:6,id_name:'lib',alias:'L',thumb:'',config:'',bin_path:'',numa_bind:'',"
+              "raws:[],envs:[]}");
+    EXPECT_EQ(state(), "5 second:0 L:3");
+    // Refused type: on update nothing changes, on add an empty "none" slot stays.
+    EXPECT_EQ(call(ctl_method_SetItem, item, 0, "", "ELEM_MIXER", "x", "", "", "", "", "", "", "", "", ""), "{ret:-2}");
+    EXPECT_EQ(call(ctl_method_SetItem, item, -1, "", "none", "x", "", "", "", "", "", "", "", "", ""), "{ret:-2}");
+    EXPECT_EQ(state(), "6 second:0 L:3 :0");
+    EXPECT_EQ(call(ctl_method_GetItem, "(is)", 2, "").substr(0, 42), "{ret:2,ptr:'',id:0,id_name:'none',alias:''");
+    EXPECT_EQ(call(ctl_method_SetItem, item, 3, "", "lib", "", "", "", "", "", "", "", "", "", ""), "{ret:-34}");
+    EXPECT_EQ(call(ctl_method_SetItem, item, -1, "123", "lib", "", "", "", "", "", "", "", "", "", ""), "{ret:-34}");
+    EXPECT_EQ(call(ctl_method_GetItem, "(is)", 3, ""), "{ret:-34}");
+    EXPECT_EQ(call(ctl_method_GetItem, "(is)", -1, ""), "{ret:-34}");
+    EXPECT_EQ(state(), "6 second:0 L:3 :0");
+}
+
+TEST_F(Ctl, SetItemListsAreBoundedAndABadEntryFaultsAfterStoringTheFieldsBefore)
+{
+    xmlrpc_env_guard env;
+    xmlrpc_value_ref envs(xmlrpc_array_new(env.get())), raws(xmlrpc_array_new(env.get()));
+    for (int i = 0; i < 130; i++) {
+        xmlrpc_value_ref e(xmlrpc_string_new(env.get(), ("E" + std::to_string(i) + "=1").c_str()));
+        xmlrpc_value_ref r(xmlrpc_string_new(env.get(), i == 2 ? "" : ("--r" + std::to_string(i)).c_str()));
+        xmlrpc_array_append_item(env.get(), envs.get(), e.get());
+        xmlrpc_array_append_item(env.get(), raws.get(), r.get());
+    }
+    std::string big(5000, 'c');
+    EXPECT_EQ(call(ctl_method_SetItem, "(isssssssAA)", -1, "", "io", "", "", big.c_str(), "", "", raws.get(), envs.get()),
+              "{ret:0}");
+    EXPECT_EQ(list_text(inst->apps[0]->envs), "64:E0=1..E63=1");
+    EXPECT_EQ(list_text(inst->apps[0]->raws), "--r0,--r1");
+    EXPECT_EQ(inst->apps[0]->config.size(), TEXT_FIELD_MAX);
+    EXPECT_EQ(call(ctl_method_SetItem, "(isssssss(s)(ssis))", 0, "", "lib", "new", "", "cfg", "", "", "--new", "A=1",
+                   "B=2", 7, "C=3"), "fault");
+    EXPECT_EQ(describe(inst).substr(describe(inst).find('[')), "[6:cfg alias=new env=A=1,B=2]");
+    EXPECT_EQ(state(), "3 new:2");
+    EXPECT_EQ(call(ctl_method_SetItem, "(isssssss()()is)", -1, "", "io", "", "", "", "", "", 5, "extra"), "{ret:0}") << "extra parameters are ignored";
+}
+
+TEST_F(Ctl, UndecodableRequestsFaultWithALineAndChangeNothing)
+{
+    add("a");
+    const std::string faults[] = {
+        call(ctl_method_SetField, "(sss)", "0", "t_del", ""),
+        call(ctl_method_SetField, "(issi)", -1, "", "t_reboot", 1),
+        call(ctl_method_SetItem, "(is)", -1, ""),
+        call(ctl_method_SetItem, "(isssssssss)", -1, "", "lib", "", "", "", "", "", "x", "y"),
+        call(ctl_method_GetItem, "(ss)", "0", ""),
+        call(ctl_method_GetStdXXXBuf, "(iiii)", 0, 2, 0, 1),
+        call(ctl_method_GetAuth, "(i)", 1),
+        call(ctl_method_SetField, "(iss)", 0, "", "t_del"),
+    };
+    EXPECT_TRUE(has_line("! ctl_method_SetField: xmlrpc_decompose_value('idx', 'ptr', 'field', 'val') failed")) << logged;
+    for (const std::string& f : faults) EXPECT_EQ(f, "fault");
+    EXPECT_EQ(call(ctl_method_GetStdXXXBuf, "(isdi)", 0, "", 1.5, 1), "fault");
+    EXPECT_TRUE(has_line("! ctl_method_GetStdXXXBuf: xmlrpc_decompose_value('idx', 'ptr', 'off', 'file_no') failed"))
+        << logged;
+    EXPECT_EQ(state(), "1 a:0");
+}
+
+TEST_F(Ctl, HandlesResolveInAnyNotationAndSayWhyNothingWasAddressed)
+{
+    for (int i = 0; i < 3; i++) add("a" + std::to_string(i));
+    std::string h = hex(inst->apps[2]->handle);
+    for (std::string ptr : {h, "0x" + h, "0X" + h, "  \t+" + h, "000" + h, h + "zz"})
+        EXPECT_EQ(ctl_app_resolve(inst, "test", -1, ptr.c_str()), 2) << ptr;
+    EXPECT_EQ(ctl_app_resolve(inst, "test", -42, h.c_str()), 2);
+    EXPECT_EQ(ctl_app_resolve(inst, "test", 1, h.c_str()), 1) << "an index in range wins";
+    for (const char* ptr : {"", "xyz", "0x", "-"}) EXPECT_EQ(ctl_app_resolve(inst, "test", -1, ptr), -1) << ptr;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ctl_app_resolve(inst, "test", 3, h.c_str()), -1);
+    char unused[40], shown[40];
+    snprintf(unused, sizeof unused, "0x%" PRIx64 "g", inst->apps[2]->handle + 1000);
+    snprintf(shown, sizeof shown, "%p", reinterpret_cast<void*>(inst->apps[2]->handle + 1000));
+    EXPECT_EQ(ctl_app_resolve(inst, "test", -1, unused), -1);
+    logged = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(has_line("! test: idx=3 out of apps range (3)")) << logged;
+    EXPECT_TRUE(has_line(std::string("! test: ptr=[") + unused + "], p=" + shown + " not found")) << logged;
+}
+
+TEST_F(Ctl, ListingsReportEverySlotAndElementPorts)
+{
+    inst->instance_name.set("studio-a");
+    app* running = add("mix", 21, 4711);
+    running->amend = 5;
+    running->f_respawn = 1;
+    running->err.set("Start error");
+    running->started = time(nullptr) - 30;
+    running->t_term = time(nullptr) - 7;
+    add("", 0);
+    inst->amend = 0xfffffff0u;
+    std::string status = call(ctl_method_GetStatus, "()");
+    std::string v = std::string("],version:'") + watchdog_version() + "',instance_name:'studio-a'}";
+    std::string ages = status.substr(status.find("started:"), 31);
+    EXPECT_TRUE(ages == "started:30L,terminated:7L,f_aut" || ages == "started:31L,terminated:8L,f_aut") << ages;
+    running->started = running->t_term = 0;
+    EXPECT_EQ(call(ctl_method_GetStatus, "(i)", 1),
+              "{amend:4294967280L,list:[{amend:5L,ptr:'" + hex(running->handle) + "',pid:4711,started:0L,terminated:0L,"
+              "f_autorun:0,f_respawn:1,err:'Start error',alias:'mix',thumb:'',app_name:'elem_mixer'},{amend:0L,ptr:'" +
+              hex(inst->apps[1]->handle) + "',pid:0,started:0L,terminated:0L,f_autorun:0,f_respawn:0,err:'',alias:'',"
+              "thumb:'',app_name:'none'}" + v);
+
+    app_free(instance_slot_remove(inst, 1));
+    app* raws = add("", 21, 102);
+    for (const char* r : {"--other=1", "--port=4242x", "--port=5"}) raws->raws.append(r);
+    add("", 21, 103)->raws.append(" --port=5000");   // not at the start
+    add("", 23, 104)->raws.append("--port=5000");    // flash reads only --xmlrpc-port=
+    add("", 23, 105)->raws.append("--xmlrpc-port=6000");
+    add("", 20, 106)->raws.append("--port=4294967297");
+    add("", 21, 0);
+    for (int excluded : {24, 25, 26, 27, 40, 4, 35, 43}) add("", excluded, 200)->raws.append("--port=7000");
+    add("clock", 45, 107);
+    inst->amend = 3;
+    auto entry = [](int id, int port, std::string alias, std::string name) {
+        return "{id:" + std::to_string(id) + ",port:" + std::to_string(port) + ",alias:'" + alias + "',thumb:'',app_name:'" +
+               name + "'}";
+    };
+    EXPECT_EQ(call(ctl_method_GetElements, "()"),
+              "{amend:3L,list:[" + entry(21, 36001, "mix", "elem_mixer") + "," + entry(21, 4242, "", "elem_mixer") + "," +
+              entry(21, 36001, "", "elem_mixer") + "," + entry(23, 0, "", "elem_flash") + "," +
+              entry(23, 6000, "", "elem_flash") + "," + entry(20, 1, "", "elem_matrix") + "," +
+              entry(45, 39701, "clock", "elem_clock") + v);
+    std::string apps = call(ctl_method_GetApps, "()");
+    EXPECT_EQ(apps.substr(0, 40), "{apps:['filetranscoder','filetransfer','");
+    EXPECT_EQ(apps.substr(apps.size() - 27), "'elem_dve3d','elem_clock']}") << apps;
+}
+
+// A full ring after 40000 bytes: it holds stream offsets 7232 to 40000, and
+// the byte at offset p is p % 251.
+TEST_F(Ctl, OutputIsReadByStreamOffsetClampedToTheRingInChunksOf1024)
+{
+    add("empty");
+    std_ring& ring = add("full")->std_bufs[1];
+    ring.head = 7232;
+    ring.tail = 40000;
+    ring.buf.reset(new char[STD_BUF_SIZE]);
+    for (uint64_t p = ring.head; p < ring.tail; p++) ring.buf[p - ring.head] = static_cast<char>(p % 251);
+    const int64_t rows[][3] = {{0, 8256, 1024},     {-7, 8256, 1024},   {7231, 8256, 1024}, {8256, 9280, 1024},
+                               {39500, 40000, 500}, {38976, 40000, 1024}, {40000, 40000, 0}, {INT64_MAX, 40000, 0}};
+    for (auto& r : rows) {
+        xmlrpc_env_guard env;
+        xmlrpc_value_ref params(xmlrpc_build_value(env.get(), "(isIi)", 1, "", xmlrpc_int64{r[0]}, 1));
+        xmlrpc_value_ref reply(ctl_method_GetStdXXXBuf(env.get(), params.get(), inst, nullptr));
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(render(reply.get()), "{ret:1,ptr:'',off:" + std::to_string(r[1]) +
+                                           "L,head:7232L,tail:40000L,file_no:1,buf:b" + std::to_string(r[2]) + "}");
+        const unsigned char* data = nullptr;
+        size_t len = 0;
+        xmlrpc_decompose_value(env.get(), reply.get(), "{s:6,*}", "buf", &data, &len);
+        for (size_t i = 0; i < len; i++) ASSERT_EQ(data[i], (r[1] - len + i) % 251) << "offset " << r[0] << " byte " << i;
+        free(const_cast<unsigned char*>(data));
+    }
+    EXPECT_EQ(call(ctl_method_GetStdXXXBuf, "(issi)", 0, "", "100", 2),
+              "{ret:0,ptr:'',off:0L,head:0L,tail:0L,file_no:2,buf:b0}") << "the offset may come as a decimal text";
+    for (int file_no : {0, 3, -1}) EXPECT_EQ(call(ctl_method_GetStdXXXBuf, "(isIi)", 1, "", xmlrpc_int64{0}, file_no),
+                                             file_no ? "{ret:-34}" : "{ret:1,ptr:'',off:0L,head:0L,tail:0L,file_no:0,buf:b0}");
+    EXPECT_EQ(call(ctl_method_GetStdXXXBuf, "(isIi)", 2, "", xmlrpc_int64{0}, 1), "{ret:-34}");
+}
+
+}  // namespace
