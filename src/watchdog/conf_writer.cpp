@@ -66,6 +66,8 @@ void write_conf(FILE* f, const instance* inst)
     if (inst->debug) fputs("--debug\n", f);
     put_line(f, "--instance-name=", inst->instance_name.str());
     fprintf(f, "--port=%d\n", inst->port);
+    if (!inst->ctl_listen.empty()) put_line(f, "--listen=", inst->ctl_listen.str());
+    if (!inst->ctl_allow.empty()) put_line(f, "--allow=", inst->ctl_allow.str());
     put_line(f, "--log-file-name=", inst->log_file_name.str());
     fprintf(f, "--log-rotate-interval=%d\n", inst->log_rotate_interval);
 

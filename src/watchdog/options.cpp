@@ -15,6 +15,7 @@
 #include "app_types.h"
 #include "banner.h"
 #include "instance.h"
+#include "netmask.h"
 
 namespace {
 
@@ -54,6 +55,8 @@ enum opt_val : int {
     OPT_CPU_AFFINITY,
     OPT_DEBUG,
     OPT_REALTIME_CPU,
+    OPT_LISTEN,
+    OPT_ALLOW,
 };
 
 #define TYPE_OPT(name) {name, required_argument, nullptr, OPT_TYPE}
@@ -125,6 +128,8 @@ const struct option long_opts[] = {
     {"cpu-affinity", required_argument, nullptr, OPT_CPU_AFFINITY},
     {"debug", no_argument, nullptr, OPT_DEBUG},
     {"realtime-cpu", required_argument, nullptr, OPT_REALTIME_CPU},
+    {"listen", required_argument, nullptr, OPT_LISTEN},
+    {"allow", required_argument, nullptr, OPT_ALLOW},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -136,6 +141,7 @@ const char usage_text[] =
     "Where args:\n"
     "    --port=<NUM>                           XMLRPC service port\n"
     "    --demonize                         Become daemon on executing\n"
+
     "\n"
     "                                       Log file operation\n"
     "    --log-file-name=<STR>\n"
@@ -203,6 +209,29 @@ app* target_app(instance* inst)
     return inst->last_app;
 }
 
+// Who may reach the control port is checked here, so a typo stops the start
+// instead of leaving the port open wider than meant.
+bool set_listen(instance* inst, const char* value)
+{
+    if (!netmask_is_address(value)) {
+        fprintf(stderr, "ERROR: --listen=%s is not an IPv4 or IPv6 address\n", value);
+        return false;
+    }
+    inst->ctl_listen.set(value);
+    return true;
+}
+
+bool set_allow(instance* inst, const char* value)
+{
+    std::vector<netmask> nets;
+    if (!netmask_parse_list(value, nets)) {
+        fprintf(stderr, "ERROR: --allow=%s is not a list of networks (ADDR[/BITS],...)\n", value);
+        return false;
+    }
+    inst->ctl_allow.set(value);
+    return true;
+}
+
 // Applies one recognised option; false ends the pass with -1.
 bool apply_option(instance* inst, int val, int pos, const char* value)
 {
@@ -221,6 +250,8 @@ bool apply_option(instance* inst, int val, int pos, const char* value)
     case OPT_CPU_AFFINITY: inst->cpu_affinity = to_int(value); return true;
     case OPT_DEBUG: inst->debug++; return true;
     case OPT_REALTIME_CPU: inst->realtime_cpu = to_int(value); return true;
+    case OPT_LISTEN: return set_listen(inst, value);
+    case OPT_ALLOW: return set_allow(inst, value);
     default: break;
     }
     // The rest fill in the application added last.
