@@ -29,7 +29,7 @@ void put_line(FILE* f, const char* prefix, const std::string& value)
     line += value;
     for (char& c : line)
         if (c == '\n') c = ' ';
-    if (line.size() > LINE_MAX_BYTES - 1) line.resize(LINE_MAX_BYTES - 1);
+    line.resize(utf8_cut(line, LINE_MAX_BYTES - 1));
     line += '\n';
     fputs(line.c_str(), f);
 }

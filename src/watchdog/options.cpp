@@ -327,6 +327,7 @@ file_lines read_option_lines(FILE* f, const char* path)
 {
     file_lines out;
     char piece[TEXT_FIELD_SIZE];   // a longer line arrives in pieces of 4095 bytes
+    std::string carry;             // a character cut off the end of the last piece
     for (int n = 0;; n++) {
         if (n >= FILE_PIECES_MAX || static_cast<int>(out.args.size()) >= FILE_ARGS_MAX) {
             // A configuration this large is a mistake; use what came first.
@@ -335,10 +336,16 @@ file_lines read_option_lines(FILE* f, const char* path)
                         "opts_from_file", path, FILE_ARGS_MAX, FILE_PIECES_MAX);
             break;
         }
-        if (!fgets(piece, sizeof piece, f)) {
+        memcpy(piece, carry.data(), carry.size());
+        if (!fgets(piece + carry.size(), static_cast<int>(sizeof piece - carry.size()), f)) {
             out.read_error = ferror(f) != 0;
             break;
         }
+        // Pieces end on character boundaries, so none carries half a character.
+        std::size_t len = strlen(piece);
+        std::size_t whole = piece[len - 1] == '\n' ? len : utf8_whole_prefix(std::string_view(piece, len));
+        carry.assign(piece + whole, len - whole);
+        piece[whole] = '\0';
         const char* arg = trim_line(piece);
         if (arg[0] == '\0' || arg[0] == '#') continue;
         out.args.emplace_back(arg);
