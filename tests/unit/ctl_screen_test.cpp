@@ -60,7 +60,9 @@ TEST(CtlScreen, RefusesDeclarationsAndDeepNestingAndTakesTheMethodName)
     for (const row& r : rows) {
         ctl_screen_result got = ctl_screen_request(r.body);
         EXPECT_EQ(got.verdict, r.verdict) << r.name;
-        if (got.verdict == v::pass) EXPECT_EQ(got.method, r.method) << r.name;
+        if (got.verdict == v::pass) {
+            EXPECT_EQ(got.method, r.method) << r.name;
+        }
     }
 }
 
