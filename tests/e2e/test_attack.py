@@ -132,11 +132,12 @@ def request_during_shutdown(test, wd):
     stopping_since = time.monotonic()
     wd.send(signal.SIGTERM)
     wd.wait_log("catched 15")
+    asked = time.monotonic()
     try:
-        took, _ = call(wd.port, "VantrelWatchdog.GetStatus")
-        test.assertLess(took, ANSWER_S, "answered at once")
-    except ConnectionRefusedError:
+        call(wd.port, "VantrelWatchdog.GetStatus")
+    except ConnectionError:   # refused, or reset while queued for a closing port
         pass
+    test.assertLess(time.monotonic() - asked, ANSWER_S, "refused or answered at once")
     test.assertEqual(wd.wait_exit(30), 0)
     test.assertLess(time.monotonic() - stopping_since, 3 + 2 * ANSWER_S + 2, "the idle client did not hold the exit")
     idle.close()
