@@ -1,6 +1,6 @@
-"""The control port under attack from the network: hostile bodies, connection
-floods, refused peers and a request during shutdown. After each the supervisor
-must still be alive and answering (or, for the shutdown, end on time)."""
+# The control port under attack from the network: hostile bodies, connection
+# floods, refused peers and a request during shutdown. After each the supervisor
+# must still be alive and answering (or, for the shutdown, end on time).
 
 import http.client
 import os
@@ -11,7 +11,7 @@ import time
 import unittest
 import xmlrpc.client
 
-from watchdog_harness import BIN, HOST, Watchdog, pid_alive, wait_until
+from watchdog_harness import BIN, HOST, Watchdog, pid_alive
 
 SLOW_BUILD = "TSAN_OPTIONS" in os.environ or "ASAN_OPTIONS" in os.environ
 ANSWER_S = 5.0 if SLOW_BUILD else 1.0
@@ -19,8 +19,8 @@ ANSWER_S = 5.0 if SLOW_BUILD else 1.0
 SLOW_TO_STOP = "trap '' INT\nsleep 3\n"
 
 
+# (seconds, decoded reply or Fault) of one POST; raises on a dropped connection.
 def post(port, body, timeout=10.0):
-    """(seconds, decoded reply or Fault) of one POST; raises on a dropped connection."""
     conn = http.client.HTTPConnection(HOST, port, timeout=timeout)
     started = time.monotonic()
     try:
@@ -45,30 +45,31 @@ def cpu_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def refuse_deep_nesting(test, wd):
-    body = ("<?xml version='1.0'?><methodCall><methodName>VantrelWatchdog.GetItem</methodName><params>"
-            "<param><value>" + "<array><data><value>" * 5000 + "</value></data></array>" * 5000
-            + "</value></param></params></methodCall>")
-    took, reply = post(wd.port, body)
-    test.assertIsInstance(reply, xmlrpc.client.Fault)
-    test.assertLess(took, ANSWER_S)
+# A body answered with a fault at once, leaving no work behind.
+def refuse_body(body):
+    def attack(test, wd):
+        took, reply = post(wd.port, body)
+        test.assertTrue(isinstance(reply, xmlrpc.client.Fault), "refused")
+        test.assertLess(took, ANSWER_S)
+        before = cpu_seconds(wd.proc.pid)
+        time.sleep(1.0)
+        test.assertLess(cpu_seconds(wd.proc.pid) - before, 0.3, "CPU back to idle")
+    return attack
 
 
-def refuse_entities(test, wd):
-    levels = "".join("<!ENTITY l%d '%s'>" % (n, "&l%d;" % (n - 1) * 10) for n in range(1, 10))
-    body = ("<?xml version='1.0'?><!DOCTYPE m [<!ENTITY l0 'ha'>" + levels + "]><methodCall>"
-            "<methodName>VantrelWatchdog.GetStatus</methodName><params><param><value>&l9;</value>"
-            "</param></params></methodCall>")
-    took, reply = post(wd.port, body)
-    test.assertIsInstance(reply, xmlrpc.client.Fault)
-    test.assertLess(took, ANSWER_S)
-    before = cpu_seconds(wd.proc.pid)
-    time.sleep(1.0)
-    test.assertLess(cpu_seconds(wd.proc.pid) - before, 0.3, "CPU back to idle")
+NESTED = ("<?xml version='1.0'?><methodCall><methodName>VantrelWatchdog.GetItem</methodName><params><param>"
+          "<value>" + "<array><data><value>" * 5000 + "</value></data></array>" * 5000 + "</value></param>"
+          "</params></methodCall>")
+LAUGHS = ("<?xml version='1.0'?><!DOCTYPE m [<!ENTITY l0 'ha'>"
+          + "".join("<!ENTITY l%d '%s'>" % (n, "&l%d;" % (n - 1) * 10) for n in range(1, 10))
+          + "]><methodCall><methodName>VantrelWatchdog.GetStatus</methodName><params><param><value>&l9;"
+          "</value></param></params></methodCall>")
+MULTICALL = xmlrpc.client.dumps(([{"methodName": "VantrelWatchdog.GetStatus", "params": []}] * 2000,),
+                                "system.multicall")
 
 
+# Sends a request a byte at a time and reconnects whenever it is dropped.
 def slow_sender(port, stop):
-    """Sends a request a byte at a time and reconnects whenever it is dropped."""
     while not stop.is_set():
         try:
             with socket.create_connection((HOST, port), timeout=2) as s:
@@ -85,26 +86,14 @@ def survive_connection_flood(test, wd):
     stop = threading.Event()
     senders = [threading.Thread(target=slow_sender, args=(wd.port, stop)) for _ in range(60)]
     try:
-        for t in senders:
-            t.start()
+        [t.start() for t in senders]
         time.sleep(1.0)
         # Longer than the first-byte and read timeouts, so drops and reconnects happen.
         latencies = [call(wd.port, "VantrelWatchdog.GetStatus")[0] for _ in range(14) if not time.sleep(0.5)]
     finally:
         stop.set()
-        for t in senders:
-            t.join(10)
-        for s in idle:
-            s.close()
+        [t.join(10) for t in senders] + [s.close() for s in idle]
     test.assertLess(max(latencies), ANSWER_S, latencies)
-
-
-def refuse_multicall(test, wd):
-    calls = [{"methodName": "VantrelWatchdog.GetStatus", "params": []}] * 2000
-    reply = call(wd.port, "system.multicall", calls)[1]
-    test.assertTrue(isinstance(reply, xmlrpc.client.Fault), "multicall refused")
-    for method in ("system.listMethods", "system.methodHelp"):
-        test.assertIsInstance(call(wd.port, method)[1], xmlrpc.client.Fault, method)
 
 
 def cut_alias_inside_character(test, wd):
@@ -117,9 +106,8 @@ def cut_alias_inside_character(test, wd):
 
 def refuse_other_network(test, wd):
     with socket.create_connection((HOST, wd.port), timeout=ANSWER_S) as s:
-        try:
-            s.sendall(b"POST /RPC2 HTTP/1.0\r\n\r\n")
-            test.assertEqual(s.recv(100), b"", "closed without an answer")
+        try:   # closed unread: a reset when the request bytes came first
+            test.assertEqual(s.sendall(b"POST /RPC2 HTTP/1.0\r\n\r\n") or s.recv(100), b"")
         except ConnectionResetError:
             pass
     with open(wd.conf_path) as f:
@@ -127,7 +115,7 @@ def refuse_other_network(test, wd):
 
 
 def request_during_shutdown(test, wd):
-    idle = socket.create_connection((HOST, wd.port))
+    wd.idle = socket.create_connection((HOST, wd.port))   # kept open through the shutdown
     wd.wait_log(r"forker's pid=\d+")
     stopping_since = time.monotonic()
     wd.send(signal.SIGTERM)
@@ -140,15 +128,14 @@ def request_during_shutdown(test, wd):
     test.assertLess(time.monotonic() - asked, ANSWER_S, "refused or answered at once")
     test.assertEqual(wd.wait_exit(30), 0)
     test.assertLess(time.monotonic() - stopping_since, 3 + 2 * ANSWER_S + 2, "the idle client did not hold the exit")
-    idle.close()
 
 
 # name: (extra option lines, attack, whether it still answers 127.0.0.1 afterwards)
 CASES = {
-    "5000 nested arrays": ([], refuse_deep_nesting, True),
-    "billion laughs": ([], refuse_entities, True),
+    "5000 nested arrays": ([], refuse_body(NESTED), True),
+    "billion laughs": ([], refuse_body(LAUGHS), True),
     "100 idle and 60 slow connections": ([], survive_connection_flood, True),
-    "multicall of GetStatus": ([], refuse_multicall, True),
+    "multicall of GetStatus": ([], refuse_body(MULTICALL), True),
     "alias cut inside a character": ([], cut_alias_inside_character, True),
     "--allow without 127.0.0.1": (["--allow=10.0.0.0/8,192.168.1.7", "--script=/c"], refuse_other_network, False),
     "request during shutdown": ([], request_during_shutdown, False),
@@ -172,8 +159,3 @@ class ControlPortUnderAttack(unittest.TestCase):
                     took, status = call(wd.port, "VantrelWatchdog.GetStatus")
                     self.assertIn("list", status)
                     self.assertLess(took, ANSWER_S)
-                wd.stop()
-
-
-if __name__ == "__main__":
-    unittest.main()
