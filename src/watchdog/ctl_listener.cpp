@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <set>
 
@@ -44,7 +45,9 @@ struct ctl_listener {
 
     std::mutex mutex;             // guards `active`
     std::condition_variable ended;
-    std::set<int> active;         // sockets being served by a thread
+    // Sockets being served by a thread, with the time by which their request
+    // must be in (max once it is).
+    std::map<int, steady::time_point> active;
 };
 
 namespace {
@@ -53,6 +56,8 @@ struct worker_job {
     ctl_listener* listener;
     int fd;
 };
+
+thread_local worker_job t_serving{nullptr, -1};
 
 void wake_up(ctl_listener* l)
 {
@@ -73,6 +78,7 @@ void* worker_main(void* p)
     worker_job job = *static_cast<worker_job*>(p);
     delete static_cast<worker_job*>(p);
     ctl_listener* l = job.listener;
+    t_serving = job;
     l->handler(job.fd, l->arg);
     std::lock_guard<std::mutex> hold(l->mutex);
     // Under the lock: nobody shuts down a descriptor number that is reused.
@@ -96,7 +102,7 @@ void hand_off(ctl_listener* l, int fd)
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
     {
         std::lock_guard<std::mutex> hold(l->mutex);
-        l->active.insert(fd);
+        l->active[fd] = steady::now() + std::chrono::seconds(CTL_READ_TIMEOUT_S);
     }
     pthread_attr_t attr;
     pthread_attr_init(&attr);
@@ -228,7 +234,20 @@ int open_socket(const char* addr, int port)
 void shutdown_active(ctl_listener* l, int how)
 {
     std::lock_guard<std::mutex> hold(l->mutex);
-    for (int fd : l->active) shutdown(fd, how);
+    for (const auto& [fd, deadline] : l->active) shutdown(fd, how);
+}
+
+// The library bounds each read, not the whole request: a body trickled a byte
+// at a time would hold its thread for good.
+void cut_overdue(ctl_listener* l)
+{
+    auto now = steady::now();
+    std::lock_guard<std::mutex> hold(l->mutex);
+    for (auto& [fd, deadline] : l->active) {
+        if (deadline > now) continue;
+        shutdown(fd, SHUT_RDWR);
+        deadline = steady::time_point::max();
+    }
 }
 
 }   // namespace
@@ -273,6 +292,7 @@ void ctl_listener_run(ctl_listener* l)
         if (room) dispatch_ready(l, waiting, polled);
         if (polled[1].revents) accept_new(l, waiting);
         expire_silent(waiting);
+        cut_overdue(l);
     }
     // From here on a new client is refused at once, and one that is waiting
     // for its answer gets it, but nobody is kept waiting for more.
@@ -288,6 +308,14 @@ void ctl_listener_stop(ctl_listener* l)
     wake_up(l);
 }
 
+void ctl_listener_request_read()
+{
+    ctl_listener* l = t_serving.listener;
+    if (!l) return;
+    std::lock_guard<std::mutex> hold(l->mutex);
+    l->active[t_serving.fd] = steady::time_point::max();
+}
+
 void ctl_listener_close(ctl_listener* l)
 {
     if (!l) return;
@@ -295,7 +323,7 @@ void ctl_listener_close(ctl_listener* l)
     {
         std::unique_lock<std::mutex> hold(l->mutex);
         if (!l->ended.wait_for(hold, DRAIN_GRACE, [&] { return l->active.empty(); })) {
-            for (int fd : l->active) shutdown(fd, SHUT_RDWR);
+            for (const auto& [fd, deadline] : l->active) shutdown(fd, SHUT_RDWR);
             l->ended.wait(hold, [&] { return l->active.empty(); });
         }
     }

@@ -13,7 +13,7 @@ constexpr int CTL_CONN_ACTIVE_MAX = 256;
 constexpr int CTL_CONN_WAITING_MAX = 256;
 // How long a new connection may stay silent before it is closed.
 constexpr int CTL_FIRST_BYTE_MS = 5000;
-// How long a request may take to arrive once it has begun.
+// How long a request may take to arrive whole once its first bytes are in.
 constexpr int CTL_READ_TIMEOUT_S = 5;
 // How long an answer may wait for a client that does not read it.
 constexpr int CTL_SEND_TIMEOUT_S = 10;
@@ -33,6 +33,9 @@ int ctl_listener_open(ctl_listener** out, const char* addr, int port, const std:
 // socket (new clients are refused), drops connections that sent nothing and
 // ends the reading side of those being served.
 void ctl_listener_run(ctl_listener* listener);
+// Called on a connection's thread once its request has been read whole: from
+// then on it is not cut off for taking longer than CTL_READ_TIMEOUT_S.
+void ctl_listener_request_read();
 // Any thread: makes ctl_listener_run return promptly.
 void ctl_listener_stop(ctl_listener* listener);
 // Waits for the connections still being served (cutting them off after a

@@ -123,6 +123,7 @@ void fault_response(xmlrpc_env* env, int code, const char* text, xmlrpc_mem_bloc
 void process_xml(xmlrpc_env* env, void* registry, const char* xml, size_t len, TSession*,
                  xmlrpc_mem_block** response)
 {
+    ctl_listener_request_read();
     ctl_process_call(env, static_cast<xmlrpc_registry*>(registry), xml, len, response);
 }
 
