@@ -170,7 +170,10 @@ bool create_abyss(ctl_state* ctl)
 int open_listener(instance* inst, ctl_state* ctl)
 {
     std::vector<netmask> allow;
-    if (!inst->ctl_allow.empty() && !netmask_parse_list(inst->ctl_allow.str(), allow)) return -EINVAL;
+    if (!inst->ctl_allow.empty() && !netmask_parse_list(inst->ctl_allow.str(), allow)) {
+        log_printf(LOG_ERROR, "%s: --allow=%s is not a list of networks", "ctl_init", inst->ctl_allow.c_str());
+        return -EINVAL;
+    }
     int r = ctl_listener_open(&ctl->listener, inst->ctl_listen.c_str(), inst->port, allow, serve_connection, ctl);
     if (r != 0)
         log_printf(LOG_ERROR, "%s: cannot listen on [%s] port %d (%s)", "ctl_init",

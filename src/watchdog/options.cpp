@@ -209,27 +209,24 @@ app* target_app(instance* inst)
     return inst->last_app;
 }
 
-// Who may reach the control port is checked here, so a typo stops the start
-// instead of leaving the port open wider than meant.
+// Who may reach the control port is checked here, so a typo stops the start.
+// The value is kept even then: an option file's error does not stop it, and
+// the control port then refuses to open rather than open wider than meant.
 bool set_listen(instance* inst, const char* value)
 {
-    if (!netmask_is_address(value)) {
-        fprintf(stderr, "ERROR: --listen=%s is not an IPv4 or IPv6 address\n", value);
-        return false;
-    }
     inst->ctl_listen.set(value);
-    return true;
+    if (netmask_is_address(value)) return true;
+    fprintf(stderr, "ERROR: --listen=%s is not an IPv4 or IPv6 address\n", value);
+    return false;
 }
 
 bool set_allow(instance* inst, const char* value)
 {
     std::vector<netmask> nets;
-    if (!netmask_parse_list(value, nets)) {
-        fprintf(stderr, "ERROR: --allow=%s is not a list of networks (ADDR[/BITS],...)\n", value);
-        return false;
-    }
     inst->ctl_allow.set(value);
-    return true;
+    if (netmask_parse_list(value, nets)) return true;
+    fprintf(stderr, "ERROR: --allow=%s is not a list of networks (ADDR[/BITS],...)\n", value);
+    return false;
 }
 
 // Applies one recognised option; false ends the pass with -1.
