@@ -7,23 +7,31 @@
 #include <vector>
 
 #include "common/bounded_text.h"
+#include "common/utf8_text.h"
 
 constexpr std::size_t TEXT_FIELD_SIZE = 4096;                 // bytes incl. the terminating NUL
 constexpr std::size_t TEXT_FIELD_MAX = TEXT_FIELD_SIZE - 1;   // characters
 
-// A text field of at most TEXT_FIELD_MAX characters; longer values are cut.
+// A text field of at most TEXT_FIELD_MAX bytes; longer values are cut at a
+// character boundary, and what is stored is always valid UTF-8 (see utf8_repair).
 class bounded_str {
 public:
     bounded_str() = default;
     bounded_str(std::string_view value) { set(value); }
 
-    void set(std::string_view value) { text_.assign(value.substr(0, TEXT_FIELD_MAX)); }
+    void set(std::string_view value)
+    {
+        text_.assign(value.substr(0, utf8_cut(value, TEXT_FIELD_MAX)));
+        utf8_repair(text_);
+    }
     void set(const char* value) { set(std::string_view(value ? value : "")); }
     // Appends as much as fits; returns false when something was cut.
     bool cat(std::string_view value)
     {
         std::size_t room = TEXT_FIELD_MAX - text_.size();
-        text_.append(value.substr(0, room));
+        std::size_t old_size = text_.size();
+        text_.append(value.substr(0, utf8_cut(value, room)));
+        utf8_repair(text_, old_size);
         return value.size() <= room;
     }
     void clear() { text_.clear(); }

@@ -36,7 +36,7 @@ void put_line(FILE* f, const char* prefix, const std::string& value)
     line += value;
     for (char& c : line)
         if (c == '\n') c = ' ';
-    if (line.size() > LINE_MAX_BYTES - 1) line.resize(LINE_MAX_BYTES - 1);
+    line.resize(utf8_cut(line, LINE_MAX_BYTES - 1));
     line += '\n';
     fputs(line.c_str(), f);
 }
@@ -68,6 +68,8 @@ void write_conf(FILE* f, const instance* inst)
     if (inst->debug) fputs("--debug\n", f);
     put_line(f, "--instance-name=", inst->instance_name.str());
     fprintf(f, "--port=%d\n", inst->port);
+    if (!inst->ctl_listen.empty()) put_line(f, "--listen=", inst->ctl_listen.str());
+    if (!inst->ctl_allow.empty()) put_line(f, "--allow=", inst->ctl_allow.str());
     put_line(f, "--log-file-name=", inst->log_file_name.str());
     fprintf(f, "--log-rotate-interval=%d\n", inst->log_rotate_interval);
     host_options_write(f, inst);

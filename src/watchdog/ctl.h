@@ -1,10 +1,12 @@
 #pragma once
 // The XML-RPC control server.
+#include <cstddef>
 #include <cstdint>
 
 struct instance;
 struct xmlrpc_registry;
 struct _xmlrpc_env;
+struct _xmlrpc_mem_block;
 
 int ctl_init(instance* inst);
 int ctl_run(instance* inst);
@@ -20,3 +22,7 @@ uint64_t ctl_handle_parse(const char* ptr);
 // a request handed to the registry is then served as over HTTP (used by
 // ctl_init, and by tests that feed requests without a socket).
 void ctl_register_methods(_xmlrpc_env* env, xmlrpc_registry* registry, instance* inst);
+// Answers one request body as the control port does: screened first (see
+// ctl_screen.h; only the table's methods), then handed to `registry`.
+void ctl_process_call(_xmlrpc_env* env, xmlrpc_registry* registry, const char* xml, std::size_t len,
+                      _xmlrpc_mem_block** response);

@@ -1,12 +1,18 @@
-// The XML-RPC control server: registry, Abyss server, and its life cycle.
+// The XML-RPC control server: registry, request screening, Abyss request
+// handling on connections taken by the control port's own listener, and its
+// life cycle.
 #include <signal.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <new>
+#include <string>
+#include <vector>
 
 #include <libxml/parser.h>
+#include <xmlrpc-c/abyss.h>
 #include <xmlrpc-c/base.h>
 #include <xmlrpc-c/client.h>
 #include <xmlrpc-c/server.h>
@@ -16,16 +22,25 @@
 #include "banner.h"
 #include "common/xmlrpc_raii.h"
 #include "ctl.h"
+#include "ctl_listener.h"
 #include "ctl_methods.h"
+#include "ctl_screen.h"
 #include "descriptors.h"
 #include "instance.h"
 #include "log/log.h"
+#include "netmask.h"
+
+// Frees the library's error texts (xmlrpc-c's util library; its header is
+// not installed).
+extern "C" void xmlrpc_strfree(const char* text);
 
 struct ctl_state {
-    xmlrpc_server_abyss_parms parms;
-    xmlrpc_server_abyss_t* server;
-    xmlrpc_registry* registry;
-    xmlrpc_server_abyss_sig* saved_sig;
+    TServer abyss{};            // reads requests and writes answers; accepts nothing itself
+    bool abyss_created = false;
+    xmlrpc_registry* registry = nullptr;
+    ctl_listener* listener = nullptr;
+    struct sigaction saved_sigpipe {};
+    bool sigpipe_saved = false;
 };
 
 namespace {
@@ -69,7 +84,127 @@ int ctl_init_failed(const char* message)
     return -EFAULT;
 }
 
+bool method_in_table(const std::string& name)
+{
+    for (const ctl_method* m = ctl_methods; m->name; m++)
+        if (name == m->name) return true;
+    return false;
+}
+
+// Why a screened body is not handed to the parser, or null when it may be.
+const char* refusal_of(const ctl_screen_result& screened, int* code)
+{
+    switch (screened.verdict) {
+    case ctl_screen_verdict::declaration:
+        *code = XMLRPC_PARSE_ERROR;
+        return "document type declarations and entities are not accepted";
+    case ctl_screen_verdict::too_deep:
+        *code = XMLRPC_LIMIT_EXCEEDED_ERROR;
+        return "values are nested too deeply";
+    case ctl_screen_verdict::encoding:
+        *code = XMLRPC_PARSE_ERROR;
+        return "only UTF-8 requests are accepted";
+    case ctl_screen_verdict::pass: break;
+    }
+    // Nothing outside the table is reachable: no multicall (one small request
+    // could ask for thousands of listings), no introspection.
+    *code = XMLRPC_NO_SUCH_METHOD_ERROR;
+    return method_in_table(screened.method) ? nullptr : "no such method";
+}
+
+void fault_response(xmlrpc_env* env, int code, const char* text, xmlrpc_mem_block** response)
+{
+    xmlrpc_env_guard fault;
+    xmlrpc_env_set_fault(fault.get(), code, text);
+    *response = XMLRPC_MEMBLOCK_NEW(char, env, 0);
+    if (env->fault_occurred) return;
+    xmlrpc_serialize_fault(env, *response, fault.get());
+}
+
+void process_xml(xmlrpc_env* env, void* registry, const char* xml, size_t len, TSession*,
+                 xmlrpc_mem_block** response)
+{
+    ctl_listener_request_read();
+    ctl_process_call(env, static_cast<xmlrpc_registry*>(registry), xml, len, response);
+}
+
+void serve_connection(int fd, void* arg)
+{
+    ctl_state* ctl = static_cast<ctl_state*>(arg);
+    TChannel* channel = nullptr;
+    abyss_unix_chaninfo* info = nullptr;
+    const char* error = nullptr;
+    ChannelUnixCreateFd(fd, &channel, &info, &error);
+    if (error) {
+        log_printf(LOG_ERROR, "%s: %s", "ctl_serve_connection", error);
+        xmlrpc_strfree(error);
+        return;
+    }
+    ServerRunChannel(&ctl->abyss, channel, info, &error);
+    if (error) xmlrpc_strfree(error);   // a client that went away: nothing to tell
+    ChannelDestroy(channel);            // leaves the descriptor to the listener
+    free(info);
+}
+
+// Abyss reads and answers the requests; the timeouts bound how long a slow
+// sender holds its thread. One request per connection: a kept-alive client
+// would hold a thread while it thinks.
+bool create_abyss(ctl_state* ctl)
+{
+    if (!ServerCreateNoAccept(&ctl->abyss, "VantrelWatchdog", nullptr, nullptr)) return false;
+    ctl->abyss_created = true;
+    ServerSetTimeout(&ctl->abyss, CTL_READ_TIMEOUT_S);
+    ServerSetKeepaliveTimeout(&ctl->abyss, 1);
+    ServerSetKeepaliveMaxConn(&ctl->abyss, 1);
+    ServerSetAdvertise(&ctl->abyss, false);
+
+    xmlrpc_env_guard env;
+    xmlrpc_server_abyss_handler_parms handler{};
+    handler.xml_processor = process_xml;
+    handler.xml_processor_arg = ctl->registry;
+    handler.uri_path = "/RPC2";
+    xmlrpc_server_abyss_set_handler3(env.get(), &ctl->abyss, &handler, XMLRPC_AHPSIZE(uri_path));
+    xmlrpc_server_abyss_set_default_handler(&ctl->abyss);
+    return !env.failed();
+}
+
+int open_listener(instance* inst, ctl_state* ctl)
+{
+    std::vector<netmask> allow;
+    if (!inst->ctl_allow.empty() && !netmask_parse_list(inst->ctl_allow.str(), allow)) {
+        log_printf(LOG_ERROR, "%s: --allow=%s is not a list of networks", "ctl_init", inst->ctl_allow.c_str());
+        return -EINVAL;
+    }
+    int r = ctl_listener_open(&ctl->listener, inst->ctl_listen.c_str(), inst->port, allow, serve_connection, ctl);
+    if (r != 0)
+        log_printf(LOG_ERROR, "%s: cannot listen on [%s] port %d (%s)", "ctl_init",
+                   inst->ctl_listen.empty() ? "*" : inst->ctl_listen.c_str(), inst->port, strerror(-r));
+    return r;
+}
+
+// A client that closes its socket early must cost a failed write, not the process.
+void ignore_sigpipe(ctl_state* ctl)
+{
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    ctl->sigpipe_saved = sigaction(SIGPIPE, &ignore, &ctl->saved_sigpipe) == 0;
+}
+
 }  // namespace
+
+void ctl_process_call(xmlrpc_env* env, xmlrpc_registry* registry, const char* xml, size_t len,
+                      xmlrpc_mem_block** response)
+{
+    int code = 0;
+    const char* refusal = refusal_of(ctl_screen_request(std::string_view(xml, len)), &code);
+    if (refusal) {
+        log_printf(LOG_ERROR, "%s: request refused: %s", "ctl_process_call", refusal);
+        fault_response(env, code, refusal, response);
+        return;
+    }
+    xmlrpc_registry_process_call2(env, registry, xml, len, nullptr, response);
+}
 
 void ctl_register_methods(xmlrpc_env* env, xmlrpc_registry* registry, instance* inst)
 {
@@ -81,6 +216,7 @@ void ctl_register_methods(xmlrpc_env* env, xmlrpc_registry* registry, instance* 
         info.serverInfo = inst;
         xmlrpc_registry_add_method3(env, registry, &info);
     }
+    xmlrpc_registry_disable_introspection(registry);
 }
 
 int ctl_init(instance* inst)
@@ -100,40 +236,20 @@ int ctl_init(instance* inst)
         ctl->registry = nullptr;
         return ctl_init_failed("ctl_init: xmlrpc_registry_new failed");
     }
-
-    ctl->parms.config_file_name = nullptr;
-    ctl->parms.registryP = ctl->registry;
-    ctl->parms.port_number = static_cast<unsigned int>(inst->port);
-    ctl->parms.log_file_name = nullptr;
-
     ctl_register_methods(env.get(), ctl->registry, inst);
 
     xmlrpc_server_abyss_global_init(env.get());
     if (env.failed()) return ctl_init_failed("ctl_init: xmlrpc_server_abyss_global_init failed");
 
-    // Only the members up to log_file_name are ours; the library's defaults
-    // apply to the rest (URI path, keep-alive, time-outs, no shutdown method).
-    xmlrpc_server_abyss_create(env.get(), &ctl->parms, XMLRPC_APSIZE(log_file_name), &ctl->server);
-    if (env.failed()) {
-        ctl->server = nullptr;
-        // The globals were taken above; without a server ctl_destroy would not
-        // give them back.
+    bool created = create_abyss(ctl) && open_listener(inst, ctl) == 0;
+    if (!created) {
+        // Without a server ctl_destroy would not give the globals back.
+        if (ctl->abyss_created) ServerFree(&ctl->abyss);
+        ctl->abyss_created = false;
         xmlrpc_server_abyss_global_term();
         return ctl_init_failed("ctl_init: xmlrpc_server_abyss_create failed");
     }
-
-    // The library's SIGCHLD handler reaps every child of the process, which
-    // would steal the exit status each forker waits for. It is only needed
-    // for a forking server, not this threaded one, so the process's own
-    // reaper is put back; the library keeps its SIGPIPE setting.
-    struct sigaction own_sigchld {};
-    sigaction(SIGCHLD, nullptr, &own_sigchld);
-    xmlrpc_server_abyss_setup_sig(env.get(), ctl->server, &ctl->saved_sig);
-    if (env.failed()) {
-        ctl->saved_sig = nullptr;
-        return ctl_init_failed("ctl_init: xmlrpc_server_abyss_setup_sig failed");
-    }
-    sigaction(SIGCHLD, &own_sigchld, nullptr);
+    ignore_sigpipe(ctl);
 
     client_init_once(env.get());
     if (env.failed()) return ctl_init_failed("ctl_init: xmlrpc_client_init2 failed");
@@ -145,20 +261,18 @@ int ctl_init(instance* inst)
 
 int ctl_run(instance* inst)
 {
-    if (!inst || !inst->ctl || !inst->ctl->server) return -EINVAL;
+    if (!inst || !inst->ctl || !inst->ctl->listener) return -EINVAL;
     // A termination signal that came before the server existed found nothing
     // to stop; honour it here instead of serving on.
     if (inst->p_sig_cnt && inst->p_sig_cnt->load() != 0) return 0;
-    xmlrpc_env_guard env;
-    xmlrpc_server_abyss_run_server(env.get(), inst->ctl->server);
+    ctl_listener_run(inst->ctl->listener);
     return 0;
 }
 
 int ctl_terminate(instance* inst)
 {
-    if (!inst || !inst->ctl || !inst->ctl->server) return -EINVAL;
-    xmlrpc_env_guard env;
-    xmlrpc_server_abyss_terminate(env.get(), inst->ctl->server);
+    if (!inst || !inst->ctl || !inst->ctl->listener) return -EINVAL;
+    ctl_listener_stop(inst->ctl->listener);
     return 0;
 }
 
@@ -168,12 +282,11 @@ int ctl_destroy(instance* inst)
     ctl_state* ctl = inst->ctl;
     inst->ctl = nullptr;
 
-    if (ctl->server) {
-        if (ctl->saved_sig) {
-            xmlrpc_server_abyss_restore_sig(ctl->saved_sig);
-            free(ctl->saved_sig);
-        }
-        xmlrpc_server_abyss_destroy(ctl->server);
+    // Connections still being served use the Abyss server and the registry.
+    ctl_listener_close(ctl->listener);
+    if (ctl->abyss_created) {
+        if (ctl->sigpipe_saved) sigaction(SIGPIPE, &ctl->saved_sigpipe, nullptr);
+        ServerFree(&ctl->abyss);
         xmlrpc_server_abyss_global_term();
     }
     if (ctl->registry) xmlrpc_registry_free(ctl->registry);

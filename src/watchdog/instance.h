@@ -90,6 +90,8 @@ struct instance {
     bounded_str instance_name;
     bounded_list<INHERITED_ENVS_MAX> inherited_envs;
     bounded_str web_auth_secret;
+    bounded_str ctl_listen;   // control port address; empty: every interface
+    bounded_str ctl_allow;    // networks that may connect (CIDR list); empty: all
     int cpu_affinity = 0;
     int realtime_io = 0;
     int realtime_cpu = 0;

@@ -16,6 +16,7 @@
 #include "banner.h"
 #include "host_options.h"
 #include "instance.h"
+#include "netmask.h"
 
 namespace {
 
@@ -59,6 +60,8 @@ enum opt_val : int {
     OPT_CPU_AFFINITY,
     OPT_DEBUG,
     OPT_REALTIME_CPU,
+    OPT_LISTEN,
+    OPT_ALLOW,
 };
 
 #define TYPE_OPT(name) {name, required_argument, nullptr, OPT_TYPE}
@@ -130,6 +133,8 @@ const struct option long_opts[] = {
     {"cpu-affinity", required_argument, nullptr, OPT_CPU_AFFINITY},
     {"debug", no_argument, nullptr, OPT_DEBUG},
     {"realtime-cpu", required_argument, nullptr, OPT_REALTIME_CPU},
+    {"listen", required_argument, nullptr, OPT_LISTEN},
+    {"allow", required_argument, nullptr, OPT_ALLOW},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -141,6 +146,7 @@ const char usage_text[] =
     "Where args:\n"
     "    --port=<NUM>                           XMLRPC service port\n"
     "    --demonize                         Become daemon on executing\n"
+
     "\n"
     "                                       Log file operation\n"
     "    --log-file-name=<STR>\n"
@@ -220,6 +226,26 @@ app* target_app(instance* inst)
     return inst->last_app;
 }
 
+// Who may reach the control port is checked here, so a typo stops the start.
+// The value is kept even then: an option file's error does not stop it, and
+// the control port then refuses to open rather than open wider than meant.
+bool set_listen(instance* inst, const char* value)
+{
+    inst->ctl_listen.set(value);
+    if (netmask_is_address(value)) return true;
+    fprintf(stderr, "ERROR: --listen=%s is not an IPv4 or IPv6 address\n", value);
+    return false;
+}
+
+bool set_allow(instance* inst, const char* value)
+{
+    std::vector<netmask> nets;
+    inst->ctl_allow.set(value);
+    if (netmask_parse_list(value, nets)) return true;
+    fprintf(stderr, "ERROR: --allow=%s is not a list of networks (ADDR[/BITS],...)\n", value);
+    return false;
+}
+
 // Applies one recognised option; false ends the pass with -1.
 bool apply_option(instance* inst, int val, int pos, const char* value)
 {
@@ -239,6 +265,8 @@ bool apply_option(instance* inst, int val, int pos, const char* value)
     case OPT_CPU_AFFINITY: inst->cpu_affinity = to_int(value); return true;
     case OPT_DEBUG: inst->debug++; return true;
     case OPT_REALTIME_CPU: inst->realtime_cpu = to_int(value); return true;
+    case OPT_LISTEN: return set_listen(inst, value);
+    case OPT_ALLOW: return set_allow(inst, value);
     default: break;
     }
     // The rest fill in the application added last.
@@ -322,6 +350,7 @@ file_lines read_option_lines(FILE* f, const char* path)
 {
     file_lines out;
     char piece[OPTION_LINE_SIZE];   // a longer line arrives in pieces
+    std::string carry;              // a character cut off the end of the last piece
     for (int n = 0;; n++) {
         if (n >= FILE_PIECES_MAX || static_cast<int>(out.args.size()) >= FILE_ARGS_MAX) {
             // A configuration this large is a mistake; use what came first.
@@ -330,10 +359,16 @@ file_lines read_option_lines(FILE* f, const char* path)
                         "opts_from_file", path, FILE_ARGS_MAX, FILE_PIECES_MAX);
             break;
         }
-        if (!fgets(piece, sizeof piece, f)) {
+        memcpy(piece, carry.data(), carry.size());
+        if (!fgets(piece + carry.size(), static_cast<int>(sizeof piece - carry.size()), f)) {
             out.read_error = ferror(f) != 0;
             break;
         }
+        // Pieces end on character boundaries, so none carries half a character.
+        std::size_t len = strlen(piece);
+        std::size_t whole = piece[len - 1] == '\n' ? len : utf8_whole_prefix(std::string_view(piece, len));
+        carry.assign(piece + whole, len - whole);
+        piece[whole] = '\0';
         const char* arg = trim_line(piece);
         if (arg[0] == '\0' || arg[0] == '#') continue;
         out.args.emplace_back(arg);

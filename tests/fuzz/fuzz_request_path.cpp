@@ -1,6 +1,7 @@
-// Arbitrary request documents through the real method registry: XML parsing,
-// method dispatch, parameter decoding and the handlers, exactly as a request
-// body arrives from the HTTP server. Whatever comes in, an answer (a response
+// Arbitrary request documents through the real request path: the screening of
+// the body and the method name, XML parsing, method dispatch, parameter
+// decoding and the handlers, exactly as a request body arrives from the HTTP
+// server. Whatever comes in, an answer (a response
 // or a fault) goes out and the records stay consistent.
 #include <csignal>
 #include <cstdint>
@@ -88,10 +89,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     xmlrpc_env_guard env;
     xmlrpc_mem_block* response = nullptr;
-    xmlrpc_registry_process_call2(env.get(), g_registry, reinterpret_cast<const char*>(data), size, nullptr,
-                                  &response);
-    // The registry turns every failure into a fault response; only running out
-    // of memory would leave the call unanswered.
+    ctl_process_call(env.get(), g_registry, reinterpret_cast<const char*>(data), size, &response);
+    // Every refusal and failure becomes a fault response; only running out of
+    // memory would leave the call unanswered.
     if (env.failed() || !response) abort();
     XMLRPC_MEMBLOCK_FREE(char, response);
 
