@@ -22,6 +22,9 @@ constexpr int DEFAULT_PORT = 9000;
 constexpr const char* DEFAULT_LOG_FILE_NAME = "VantrelWatchdog.log";
 constexpr int DEFAULT_LOG_ROTATE_INTERVAL = 86400;
 
+// Below this a session file would rotate at nearly every read.
+constexpr long long SESSION_MAX_BYTES_MIN = 4096;
+
 constexpr int FILE_ARGS_MAX = 4095;        // argument lines one option file may hold
 constexpr int FILE_PIECES_MAX = 1 << 16;   // pieces read from one file, blank and comment lines included
 constexpr int FILE_DEPTH_MAX = 32;         // option files open inside one another
@@ -54,6 +57,8 @@ enum opt_val : int {
     OPT_CPU_AFFINITY,
     OPT_DEBUG,
     OPT_REALTIME_CPU,
+    OPT_SESSIONS_KEEP,
+    OPT_SESSION_MAX_BYTES,
 };
 
 #define TYPE_OPT(name) {name, required_argument, nullptr, OPT_TYPE}
@@ -125,6 +130,8 @@ const struct option long_opts[] = {
     {"cpu-affinity", required_argument, nullptr, OPT_CPU_AFFINITY},
     {"debug", no_argument, nullptr, OPT_DEBUG},
     {"realtime-cpu", required_argument, nullptr, OPT_REALTIME_CPU},
+    {"sessions-keep", required_argument, nullptr, OPT_SESSIONS_KEEP},
+    {"session-max-bytes", required_argument, nullptr, OPT_SESSION_MAX_BYTES},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -221,6 +228,11 @@ bool apply_option(instance* inst, int val, int pos, const char* value)
     case OPT_CPU_AFFINITY: inst->cpu_affinity = to_int(value); return true;
     case OPT_DEBUG: inst->debug++; return true;
     case OPT_REALTIME_CPU: inst->realtime_cpu = to_int(value); return true;
+    // Instance options like the secret: set once, not reset by a later pass.
+    case OPT_SESSIONS_KEEP: inst->sessions_keep = std::max(to_int(value), 1); return true;
+    case OPT_SESSION_MAX_BYTES:
+        inst->session_max_bytes = std::max(strtoll(value, nullptr, 10), SESSION_MAX_BYTES_MIN);
+        return true;
     default: break;
     }
     // The rest fill in the application added last.

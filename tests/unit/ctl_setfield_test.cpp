@@ -193,7 +193,7 @@ TEST_F(SetFieldTest, TermSignalsOnceAndAlwaysCountsTheApplication)
     time_t now = time(nullptr);
     EXPECT_EQ(set_field_logged(lines, 0, "", "t_term"), 0);
     ASSERT_EQ(g_signals.size(), 1u);
-    EXPECT_EQ(g_signals[0], std::make_pair(pid_t{4321}, SIGINT));
+    EXPECT_EQ(g_signals[0], std::make_pair(pid_t{-4321}, SIGINT));   // the whole process group
     EXPECT_GE(inst->apps[0]->t_term, now);
     EXPECT_LE(inst->apps[0]->t_term, time(nullptr));
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "app_life.h"
 #include "app_types.h"
 #include "instance.h"
 #include "launcher.h"
@@ -87,18 +88,6 @@ TEST_F(Launch, ExecutablePathFromBinPathOwnDirectoryOrScriptProgram)
     script->bin_path.set("/opt/tools/run.sh");
     launch_exec_path(*script, path, sizeof(path));
     EXPECT_STREQ(path, "/opt/tools/run.sh");
-}
-
-TEST_F(Launch, OnlyTypesWithSomethingToExecuteAreRunnable)
-{
-    EXPECT_TRUE(launch_runnable(*make("io")));
-    EXPECT_FALSE(launch_runnable(*make("gpi")));
-    // An empty executable name is tried: the child's exec fails as for any wrong path.
-    EXPECT_TRUE(launch_runnable(*make("none")));
-    EXPECT_TRUE(launch_runnable(*make("script")));
-    app* bogus = make("io");
-    bogus->type = APP_TYPES_CNT;
-    EXPECT_FALSE(launch_runnable(*bogus));
 }
 
 TEST_F(Launch, ArgumentsWithoutRawsNeedNoOptionFile)
@@ -209,57 +198,54 @@ TEST_F(Launch, EnvironmentOverflowDropsAppEntriesAndKeepsInherited)
     instance_destroy(&bare);
 }
 
+// The brakes, by whole seconds of the monotonic clock (a start at 1000 s).
 TEST_F(Launch, SixthFastEndInARowStopsRespawning)
 {
     app* r = make("io");
     r->f_respawn = 1;
-    r->started = 1000;
+    r->started_ms = 1'000'000;
     for (int i = 1; i <= 5; i++) {
-        launch_classify_end(*r, 1004, exit_status(0));
+        app_life_classify_end(*r, 1'004'999, exit_status(0));
         EXPECT_EQ(r->fast_respawn_cnt, i);
         EXPECT_EQ(r->f_respawn, 1);
     }
-    launch_classify_end(*r, 1000, exit_status(1));
+    app_life_classify_end(*r, 1'000'000, exit_status(1));
     EXPECT_EQ(r->f_respawn, 0);
     EXPECT_EQ(r->err.str(), "Respawn too fast");
     // Not reset by the message: the next fast end repeats it at once.
     r->f_respawn = 1;
     r->err.clear();
-    launch_classify_end(*r, 1002, exit_status(0));
+    app_life_classify_end(*r, 1'002'000, exit_status(0));
     EXPECT_EQ(r->fast_respawn_cnt, 7);
-    EXPECT_EQ(r->f_respawn, 0);
     EXPECT_EQ(r->err.str(), "Respawn too fast");
-    // Only an end more than 4 seconds after the start resets the count.
-    launch_classify_end(*r, 1005, exit_status(0));
+    // Only an end in the fifth second after the start or later resets the count.
+    app_life_classify_end(*r, 1'005'000, exit_status(0));
     EXPECT_EQ(r->fast_respawn_cnt, 0);
 }
 
 TEST_F(Launch, ExitStatus128IsAStartErrorAndWinsOverTooFast)
 {
-    app* slow = make("io");
-    slow->f_respawn = 1;
-    slow->started = 1000;
-    launch_classify_end(*slow, 1010, exit_status(128));
-    EXPECT_EQ(slow->err.str(), "Start error");
-    EXPECT_EQ(slow->f_respawn, 0);
-    EXPECT_EQ(slow->fast_respawn_cnt, 0);
-
-    app* both = make("io");
-    both->f_respawn = 1;
-    both->started = 1000;
-    both->fast_respawn_cnt = 5;
-    launch_classify_end(*both, 1001, exit_status(128));
-    EXPECT_EQ(both->fast_respawn_cnt, 6);
-    EXPECT_EQ(both->err.str(), "Start error");
-
-    // Killed by a signal or exiting otherwise is no start error.
-    app* killed = make("io");
-    killed->f_respawn = 1;
-    killed->started = 1000;
-    launch_classify_end(*killed, 1010, SIGKILL);
-    launch_classify_end(*killed, 1020, exit_status(127));
-    EXPECT_EQ(killed->f_respawn, 1);
-    EXPECT_TRUE(killed->err.empty());
+    struct row {
+        int64_t ended_ms;
+        int fast_before, status;
+        int fast_after, respawn_after;
+        const char* err;
+    } rows[] = {
+        {1'010'000, 0, exit_status(128), 0, 0, "Start error"},
+        {1'001'000, 5, exit_status(128), 6, 0, "Start error"},
+        {1'010'000, 3, SIGKILL, 0, 1, ""},   // killed by a signal is no start error
+        {1'010'000, 0, exit_status(127), 0, 1, ""},
+    };
+    for (const row& w : rows) {
+        app* r = make("io");
+        r->f_respawn = 1;
+        r->started_ms = 1'000'000;
+        r->fast_respawn_cnt = w.fast_before;
+        app_life_classify_end(*r, w.ended_ms, w.status);
+        EXPECT_EQ(r->fast_respawn_cnt, w.fast_after) << "status " << w.status;
+        EXPECT_EQ(r->f_respawn, w.respawn_after) << "status " << w.status;
+        EXPECT_EQ(r->err.str(), w.err) << "status " << w.status;
+    }
 }
 
 }  // namespace

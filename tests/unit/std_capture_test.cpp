@@ -1,7 +1,8 @@
 // Output capture: ring arithmetic and collection from a real pipe into the ring
-// and the session files.
+// and the session files, with their mode, size bound and number bound.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -34,17 +35,6 @@ std::string ring_bytes(const std_ring& ring)
 {
     if (!ring.buf) return {};
     return std::string(ring.buf.get(), static_cast<size_t>(ring.tail - ring.head));
-}
-
-TEST(StdRing, FortyThousandBytesKeepTheNewest32768)
-{
-    std_ring ring;
-    std::string data = stream_bytes(0, 40000);
-    std_ring_append(ring, data.data(), STD_BUF_SIZE);   // reads come in chunks of at most 32768
-    std_ring_append(ring, data.data() + STD_BUF_SIZE, data.size() - STD_BUF_SIZE);
-    EXPECT_EQ(ring.head, 7232u);
-    EXPECT_EQ(ring.tail, 40000u);
-    EXPECT_EQ(ring_bytes(ring), stream_bytes(7232, 40000));
 }
 
 TEST(StdRing, ExactlyFullDropsNothingAndOneMoreDropsOne)
@@ -154,14 +144,42 @@ TEST_F(StdDrain, StreamsStayApartAndFilesGrowAcrossCollections)
     EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "err-1;");
 }
 
-TEST_F(StdDrain, SilentChildStillGetsEmptySessionFiles)
+TEST_F(StdDrain, SilentChildStillGetsEmptySessionFilesNeverWorldReadable)
 {
+    mode_t old = umask(0);   // as under --demonize
     watchdog_std_drain(inst_, record_, scratch_, 1);
     watchdog_std_drain(inst_, record_, scratch_, 2);
-    EXPECT_TRUE(fs::exists(session_file(1)));
-    EXPECT_TRUE(fs::exists(session_file(2)));
-    EXPECT_EQ(fs::file_size(session_file(1)), 0u);
+    umask(old);
+    for (int fd_no : {1, 2}) {
+        struct stat st {};
+        ASSERT_EQ(stat(session_file(fd_no).c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, 0);
+        EXPECT_EQ(st.st_mode & 0777, 0640u);
+    }
     EXPECT_FALSE(record_->std_bufs[1].buf);
+}
+
+TEST_F(StdDrain, AFullFileRotatesOnceAndOnlyTheNewestSessionsKeepFiles)
+{
+    inst_->session_max_bytes = 4096;
+    inst_->sessions_keep = 2;
+    feed(1, stream_bytes(0, 3000));
+    watchdog_std_drain(inst_, record_, scratch_, 1);
+    feed(1, stream_bytes(3000, 6000));
+    watchdog_std_drain(inst_, record_, scratch_, 1);
+    EXPECT_EQ(file_text(session_file(1).string() + ".1"), stream_bytes(0, 3000));
+    EXPECT_EQ(file_text(session_file(1)), stream_bytes(3000, 6000));
+    EXPECT_EQ(record_->std_bufs[1].tail, 6000u);
+    for (int pid : {4712, 4713}) {   // two later children of the same application
+        watchdog_std_close(record_);
+        record_->session_name.clear();
+        record_->pid = pid;
+        watchdog_std_drain(inst_, record_, scratch_, 2);
+    }
+    EXPECT_FALSE(fs::exists(session_file(1)));
+    EXPECT_FALSE(fs::exists(session_file(1).string() + ".1"));
+    EXPECT_TRUE(fs::exists(dir_ / "wd.log.sessions/20180504_130709-4712-2"));
+    EXPECT_TRUE(fs::exists(dir_ / "wd.log.sessions/20180504_130709-4713-2"));
 }
 
 TEST_F(StdDrain, MissingSessionDirectoryStillFillsTheRing)
@@ -177,7 +195,8 @@ TEST_F(StdDrain, PositionsRunOnOverANewChildAndItsNewFiles)
 {
     feed(1, stream_bytes(0, 30000));
     watchdog_std_drain(inst_, record_, scratch_, 1);
-    // What a new launch does to the capture state: new session, same ring.
+    // What a child's end and a new launch do to the capture state: new session, same ring.
+    watchdog_std_close(record_);
     record_->session_name.clear();
     record_->pid = 4712;
     record_->started += 60;
