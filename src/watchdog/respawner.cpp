@@ -30,13 +30,12 @@ constexpr int64_t PASS_MAX_MS = 100;
 // only the newest STD_BUF_SIZE bytes of each.
 constexpr std::size_t SCRATCH_SIZE = 256 * 1024;
 // Bytes moved per stream before the others get their turn.
-constexpr std::size_t STREAM_BUDGET = 4 * STD_SPLICE_CHUNK;
+constexpr std::size_t STREAM_BUDGET = 4 * SCRATCH_SIZE;
 constexpr int64_t WATCH_RETRY_MS = 1000;
 
 struct supervisor {
     instance* inst = nullptr;
     std::unique_ptr<char[]> scratch = std::make_unique<char[]>(SCRATCH_SIZE);
-    std_splice splice;   // kernel-side copies into the session files
     std::vector<pollfd> polled;
     std::vector<char> readable;   // indexed by descriptor, from the last poll
     int notify_fd = -1;           // inotify on the session directory
@@ -88,7 +87,7 @@ void collect_ready(supervisor& sv, app* record)
     // Standard output first, as every collection does.
     for (int fd_no = 1; fd_no <= 2; fd_no++)
         if (is_readable(sv, record->std_pipes[fd_no].rd))
-            watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET, &sv.splice);
+            watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET);
 }
 
 void poll_add(supervisor& sv, int fd)
@@ -108,7 +107,7 @@ void launch(supervisor& sv, app* record)
     if (!record->pid) return;
     // The first collection: a silent child gets its two (empty) files now.
     for (int fd_no = 1; fd_no <= 2; fd_no++)
-        watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET, &sv.splice);
+        watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET);
 }
 
 struct round_result {
@@ -234,7 +233,6 @@ void* watchdog_respawner_proc(void* arg)
     // Noted by the starter: a change made before this thread ran is still written.
     sv.amend_seen = sv.inst->amend_at_start;
     sv.notify_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    std_splice_open(sv.splice);   // without it collections read and write as usual
     log_printf(LOG_INFO, "%s: entering", __func__);
 
     for (;;) {
@@ -258,7 +256,6 @@ void* watchdog_respawner_proc(void* arg)
         for (int i = 0; i < sv.inst->cnt; i++) watchdog_respawner_app_join(sv.inst->apps[i]);
     }
     if (sv.notify_fd >= 0) close(sv.notify_fd);
-    std_splice_close(sv.splice);
     log_printf(LOG_INFO, "%s: exiting", __func__);
     return nullptr;
 }

@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -72,17 +71,16 @@ void session_open(const instance* inst, app* record, int fd_no)
 {
     char path[SESSION_PATH_SIZE];
     session_path(inst, record->session_name.str(), fd_no, path);
-    // The mode is given in full: the umask may be 0 under --demonize. No
-    // O_APPEND: splice refuses such files; we are the file's only writer.
-    int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, SESSION_FILE_MODE);
+    // The mode is given in full: the umask may be 0 under --demonize.
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, SESSION_FILE_MODE);
     record->session_fds[fd_no] = fd;
     record->session_bytes[fd_no] = 0;
     if (fd < 0) {
         record->session_retry_ms = watchdog_os.monotonic_ms() + SESSION_RETRY_MS;
         return;
     }
-    off_t end = lseek(fd, 0, SEEK_END);
-    if (end > 0) record->session_bytes[fd_no] = end;
+    struct stat st {};
+    if (fstat(fd, &st) == 0) record->session_bytes[fd_no] = st.st_size;
 }
 
 void session_reopen(const instance* inst, app* record, int fd_no)
@@ -103,75 +101,16 @@ void session_rotate(const instance* inst, app* record, int fd_no)
     session_reopen(inst, record, fd_no);
 }
 
-// Makes room for `n` more bytes in the stream's file.
-void session_reserve(const instance* inst, app* record, int fd_no, std::size_t n)
-{
-    if (record->session_fds[fd_no] >= 0 && record->session_bytes[fd_no] > 0 &&
-        record->session_bytes[fd_no] + static_cast<int64_t>(n) > inst->session_max_bytes)
-        session_rotate(inst, record, fd_no);
-}
-
 void session_write(const instance* inst, app* record, int fd_no, const char* data, std::size_t n)
 {
-    session_reserve(inst, record, fd_no, n);
+    if (record->session_fds[fd_no] < 0) return;
+    if (record->session_bytes[fd_no] > 0 &&
+        record->session_bytes[fd_no] + static_cast<int64_t>(n) > inst->session_max_bytes)
+        session_rotate(inst, record, fd_no);
     if (record->session_fds[fd_no] < 0) return;
     // A short or failed write to the session file is not retried.
     ssize_t written = write(record->session_fds[fd_no], data, n);
     if (written > 0) record->session_bytes[fd_no] += written;
-}
-
-// `data` is the last `have` bytes of a chunk of `total`: as appending the whole
-// chunk, where the bytes not at hand count as received and dropped.
-void ring_append_last(std_ring& ring, const char* data, std::size_t have, std::size_t total)
-{
-    if (have == total) return std_ring_append(ring, data, have);
-    if (!ring.buf) ring.buf.reset(new char[STD_BUF_SIZE]);
-    memcpy(ring.buf.get(), data, have);
-    ring.tail += total;
-    ring.head = ring.tail - have;
-}
-
-// Consumes `n` bytes of `from`: into `to` by splice where it can, the rest read
-// into `scratch` and dropped. Returns the bytes that reached `to`.
-std::size_t splice_out(int from, int to, std::size_t n, char* scratch, std::size_t scratch_size)
-{
-    std::size_t moved = 0, done = 0;
-    for (int round = 0; done < n && round < 4096; round++) {
-        ssize_t got = to >= 0 ? splice(from, nullptr, to, nullptr, n - done, SPLICE_F_MOVE) : -1;
-        if (got > 0) {
-            moved += static_cast<std::size_t>(got);
-        } else {
-            // A failing file (full disk) must not leave the pipes out of step.
-            got = read(from, scratch, std::min(scratch_size, n - done));
-            if (got <= 0) break;
-        }
-        done += static_cast<std::size_t>(got);
-    }
-    return moved;
-}
-
-// One chunk through the kernel: duplicated into the aux pipe, the original
-// spliced into the session file, the copy dropped but for the ring's share.
-// Returns the chunk's size, 0 at end of file, -1 when the pipe is empty.
-ssize_t collect_spliced(const instance* inst, app* record, int fd_no, const std_splice& sp, char* scratch,
-                        std::size_t scratch_size)
-{
-    int rd = record->std_pipes[fd_no].rd;
-    ssize_t n = tee(rd, sp.aux_wr, STD_SPLICE_CHUNK, SPLICE_F_NONBLOCK);
-    if (n <= 0) return n == 0 ? 0 : -1;
-    std::size_t size = static_cast<std::size_t>(n);
-    session_reserve(inst, record, fd_no, size);
-    record->session_bytes[fd_no] += splice_out(rd, record->session_fds[fd_no], size, scratch, scratch_size);
-    std::size_t keep = std::min(size, STD_BUF_SIZE);
-    splice_out(sp.aux_rd, sp.devnull, size - keep, scratch, scratch_size);
-    std::size_t have = 0;
-    for (int round = 0; have < keep && round < 64; round++) {
-        ssize_t got = read(sp.aux_rd, scratch + have, keep - have);
-        if (got <= 0) break;
-        have += static_cast<std::size_t>(got);
-    }
-    ring_append_last(record->std_bufs[fd_no], scratch, have, size);
-    return n;
 }
 
 }  // namespace
@@ -199,36 +138,13 @@ void std_ring_append(std_ring& ring, const char* data, std::size_t n)
     ring.tail += n;
 }
 
-bool std_splice_open(std_splice& sp)
-{
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return false;
-    sp.aux_rd = fds[0];
-    sp.aux_wr = fds[1];
-    sp.devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    // The aux pipe must take a whole chunk, or tee would cut chunks short.
-    if (sp.devnull < 0 || fcntl(sp.aux_wr, F_SETPIPE_SZ, static_cast<int>(STD_SPLICE_CHUNK)) < 0) {
-        std_splice_close(sp);
-        return false;
-    }
-    return true;
-}
-
-void std_splice_close(std_splice& sp)
-{
-    for (int* fd : {&sp.aux_rd, &sp.aux_wr, &sp.devnull}) {
-        if (*fd >= 0) close(*fd);
-        *fd = -1;
-    }
-}
-
 void watchdog_std_session_dir(const instance* inst, char* out, std::size_t size)
 {
     snprintf(out, size, "%s.sessions", inst->log_file_name.c_str());
 }
 
 std::size_t watchdog_std_collect(instance* inst, app* record, char* scratch, std::size_t scratch_size, int fd_no,
-                                 std::size_t budget, const std_splice* fast)
+                                 std::size_t budget)
 {
     // Record 0 (standard input) is never written.
     if (fd_no != 1 && fd_no != 2) return 0;
@@ -239,15 +155,7 @@ std::size_t watchdog_std_collect(instance* inst, app* record, char* scratch, std
     int rd = record->std_pipes[fd_no].rd;
     std_ring& ring = record->std_bufs[fd_no];
     std::size_t moved = 0;
-    bool spliced = fast && fast->aux_wr >= 0 && record->session_fds[fd_no] >= 0;
     while (rd >= 0 && moved < budget) {
-        if (spliced) {
-            ssize_t n = collect_spliced(inst, record, fd_no, *fast, scratch, scratch_size);
-            if (n == 0) record->std_eof[fd_no] = true;
-            if (n <= 0) break;
-            moved += static_cast<std::size_t>(n);
-            continue;
-        }
         ssize_t n = read(rd, scratch, scratch_size);
         if (n == 0) record->std_eof[fd_no] = true;
         if (n <= 0) break;

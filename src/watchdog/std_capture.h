@@ -9,28 +9,13 @@ struct std_ring;
 // Capacity asked for a child's standard error pipe when debugging.
 constexpr std::size_t STD_PIPE_DEBUG_SIZE = 33554432;
 
-// The most a spliced collection moves in one step; its aux pipe holds this much.
-constexpr std::size_t STD_SPLICE_CHUNK = 1024 * 1024;
-
-// A second pipe and /dev/null, with which a collection moves data from the
-// child's pipe to the session file inside the kernel (tee, splice) and copies
-// only the bytes the ring keeps. Owned by one thread.
-struct std_splice {
-    int aux_rd = -1;
-    int aux_wr = -1;
-    int devnull = -1;
-};
-// Opens the three descriptors; false (and nothing open) when the system refuses.
-bool std_splice_open(std_splice& sp);
-void std_splice_close(std_splice& sp);
-
 // Moves what the child's pipe `fd_no` (1 or 2) holds now into the session file
 // and the ring, reading `scratch_size` bytes at a time and at most about
 // `budget` bytes in all (so one chatty child cannot hold the lock for long).
 // Returns the bytes moved; marks the stream ended when the child closed it.
 // Opens the session file on first use and keeps it open. Caller holds the lock.
 std::size_t watchdog_std_collect(instance* inst, app* record, char* scratch, std::size_t scratch_size, int fd_no,
-                                 std::size_t budget, const std_splice* fast = nullptr);
+                                 std::size_t budget);
 // watchdog_std_collect with a scratch of STD_BUF_SIZE bytes and no budget
 // beyond the largest pipe. Returns 0.
 int watchdog_std_drain(instance* inst, app* record, char* scratch, int fd_no);
