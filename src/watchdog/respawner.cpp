@@ -1,11 +1,12 @@
 // The supervision thread: starts what should run, escalates stale termination
 // requests to SIGKILL, collects output as soon as it arrives and persists
-// configuration changes. It sleeps in poll() on every running child's pipes,
+// configuration changes. It sleeps in epoll on every running child's pipes,
 // its wake-up descriptor and the session directory's changes, never longer
-// than the nearest timer or PASS_MAX_MS.
+// than the nearest timer or PASS_MAX_MS. Descriptors are registered once, so a
+// wake-up with nothing to do costs little more than the look at each record.
 #include "respawner.h"
 
-#include <poll.h>
+#include <sys/epoll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -36,8 +37,8 @@ constexpr int64_t WATCH_RETRY_MS = 1000;
 struct supervisor {
     instance* inst = nullptr;
     std::unique_ptr<char[]> scratch = std::make_unique<char[]>(SCRATCH_SIZE);
-    std::vector<pollfd> polled;
-    std::vector<char> readable;   // indexed by descriptor, from the last poll
+    int epoll_fd = -1;
+    std::vector<char> readable;   // indexed by descriptor, from the last wait
     int notify_fd = -1;           // inotify on the session directory
     int watch = -1;
     int64_t watch_retry_ms = 0;
@@ -77,6 +78,22 @@ void read_notifications(supervisor& sv)
     }
 }
 
+void watch_fd(const supervisor& sv, int fd)
+{
+    if (fd < 0 || sv.epoll_fd < 0) return;
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = fd;
+    epoll_ctl(sv.epoll_fd, EPOLL_CTL_ADD, fd, &ev);
+}
+
+// An ended stream stays readable (end of file) until the launcher closes it.
+void unwatch_ended(const supervisor& sv, const app* record, int fd_no)
+{
+    if (record->std_eof[fd_no] && sv.epoll_fd >= 0)
+        epoll_ctl(sv.epoll_fd, EPOLL_CTL_DEL, record->std_pipes[fd_no].rd, nullptr);
+}
+
 bool is_readable(const supervisor& sv, int fd)
 {
     return fd >= 0 && static_cast<std::size_t>(fd) < sv.readable.size() && sv.readable[fd];
@@ -85,20 +102,11 @@ bool is_readable(const supervisor& sv, int fd)
 void collect_ready(supervisor& sv, app* record)
 {
     // Standard output first, as every collection does.
-    for (int fd_no = 1; fd_no <= 2; fd_no++)
-        if (is_readable(sv, record->std_pipes[fd_no].rd))
-            watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET);
-}
-
-void poll_add(supervisor& sv, int fd)
-{
-    if (fd >= 0) sv.polled.push_back({fd, POLLIN, 0});
-}
-
-void poll_add_streams(supervisor& sv, const app* record)
-{
-    for (int fd_no = 1; fd_no <= 2; fd_no++)
-        if (!record->std_eof[fd_no]) poll_add(sv, record->std_pipes[fd_no].rd);
+    for (int fd_no = 1; fd_no <= 2; fd_no++) {
+        if (!is_readable(sv, record->std_pipes[fd_no].rd)) continue;
+        watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET);
+        unwatch_ended(sv, record, fd_no);
+    }
 }
 
 void launch(supervisor& sv, app* record)
@@ -106,8 +114,10 @@ void launch(supervisor& sv, app* record)
     watchdog_respawner_run(sv.inst, record);
     if (!record->pid) return;
     // The first collection: a silent child gets its two (empty) files now.
-    for (int fd_no = 1; fd_no <= 2; fd_no++)
+    for (int fd_no = 1; fd_no <= 2; fd_no++) {
         watchdog_std_collect(sv.inst, record, sv.scratch.get(), SCRATCH_SIZE, fd_no, STREAM_BUDGET);
+        if (!record->std_eof[fd_no]) watch_fd(sv, record->std_pipes[fd_no].rd);
+    }
 }
 
 struct round_result {
@@ -132,9 +142,6 @@ round_result supervise_round(supervisor& sv)
     bool check_sessions = sv.sessions_touched || (sv.watch < 0 && now >= sv.next_check_ms);
     if (check_sessions) sv.next_check_ms = now + PASS_MAX_MS;
     sv.sessions_touched = false;
-    sv.polled.clear();
-    poll_add(sv, inst->wake_fd);
-    poll_add(sv, sv.notify_fd);
     for (int i = 0; i < inst->cnt; i++) {
         app* record = inst->apps[i];
         if (record->pid) {
@@ -146,10 +153,7 @@ round_result supervise_round(supervisor& sv)
         } else if (app_life_wants_start(*record, out.sig_cnt)) {
             launch(sv, record);
         }
-        if (record->pid) {
-            out.running++;
-            poll_add_streams(sv, record);
-        }
+        if (record->pid) out.running++;
     }
     out.amend = inst->amend;
     out.timeout_ms = std::max<int64_t>(0, due - now);
@@ -159,19 +163,20 @@ round_result supervise_round(supervisor& sv)
 void wait_for_events(supervisor& sv, int64_t timeout_ms)
 {
     std::fill(sv.readable.begin(), sv.readable.end(), 0);
-    int n = poll(sv.polled.data(), sv.polled.size(), static_cast<int>(timeout_ms));
-    if (n <= 0) return;
-    for (const pollfd& p : sv.polled) {
-        if (!p.revents) continue;
-        if (p.fd == sv.inst->wake_fd) {
+    constexpr int EVENTS_MAX = 256;
+    epoll_event events[EVENTS_MAX];
+    int n = epoll_wait(sv.epoll_fd, events, EVENTS_MAX, static_cast<int>(timeout_ms));
+    for (int i = 0; i < n; i++) {
+        int fd = events[i].data.fd;
+        if (fd == sv.inst->wake_fd) {
             uint64_t count;
-            ssize_t got = read(p.fd, &count, sizeof(count));
+            ssize_t got = read(fd, &count, sizeof(count));
             (void)got;   // the count itself means nothing
-        } else if (p.fd == sv.notify_fd) {
+        } else if (fd == sv.notify_fd) {
             read_notifications(sv);
         } else {
-            if (static_cast<std::size_t>(p.fd) >= sv.readable.size()) sv.readable.resize(p.fd + 1, 0);
-            sv.readable[p.fd] = 1;
+            if (static_cast<std::size_t>(fd) >= sv.readable.size()) sv.readable.resize(fd + 1, 0);
+            sv.readable[fd] = 1;
         }
     }
 }
@@ -233,6 +238,9 @@ void* watchdog_respawner_proc(void* arg)
     // Noted by the starter: a change made before this thread ran is still written.
     sv.amend_seen = sv.inst->amend_at_start;
     sv.notify_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    sv.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+    watch_fd(sv, sv.inst->wake_fd);
+    watch_fd(sv, sv.notify_fd);
     log_printf(LOG_INFO, "%s: entering", __func__);
 
     for (;;) {
@@ -256,6 +264,7 @@ void* watchdog_respawner_proc(void* arg)
         for (int i = 0; i < sv.inst->cnt; i++) watchdog_respawner_app_join(sv.inst->apps[i]);
     }
     if (sv.notify_fd >= 0) close(sv.notify_fd);
+    if (sv.epoll_fd >= 0) close(sv.epoll_fd);
     log_printf(LOG_INFO, "%s: exiting", __func__);
     return nullptr;
 }
