@@ -1,15 +1,10 @@
 // Supervision while fork keeps failing (process table full, out of memory):
 // retried, never mistaken for a child that exited, and leaving none of the
 // application's pipes open.
-#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <cerrno>
 #include <mutex>
-#include <utility>
-#include <vector>
 
 #include "child_registry.h"
 #include "supervision_fixture.h"
@@ -26,9 +21,7 @@ std::vector<std::pair<int, ino_t>> pipes_made;   // descriptor and pipe identity
 pid_t switchable_fork()
 {
     fork_calls++;
-    if (!fork_fails) return child_registry_fork();
-    errno = EAGAIN;
-    return -1;
+    return fork_fails ? (errno = EAGAIN, -1) : child_registry_fork();
 }
 
 int noted_pipe(int fds[2])

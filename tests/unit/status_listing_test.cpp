@@ -1,12 +1,7 @@
 // Status listings built outside the lock: the element port read from raw
 // lines, and a reused GetStatus answer that must never hide a change.
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "ctl_methods.h"
 #include "ctl_status.h"
-#include "instance.h"
 #include "unit_support.h"
 
 namespace {
@@ -37,24 +32,21 @@ TEST(ElementPort, ValuesThatDoNotFitAPositiveIntAreListedWithTheirLow32Bits)
     }
 }
 
-// The answer as the library would serialise it: the members that change.
+// "pid/f_respawn/alias;" of every entry of a GetStatus answer.
 std::string status_of(instance* inst)
 {
     xmlrpc_env_guard env;
     xmlrpc_value_ref reply(ctl_method_GetStatus(env.get(), nullptr, inst, nullptr));
-    xmlrpc_value* list = nullptr;
-    xmlrpc_decompose_value(env.get(), reply.get(), "{s:A,*}", "list", &list);
-    xmlrpc_value_ref owned(list);
+    xmlrpc_value* list = xmlrpc_struct_get_value(env.get(), reply.get(), "list");   // borrowed
     std::string out;
     for (int i = 0; i < xmlrpc_array_size(env.get(), list); i++) {
-        xmlrpc_value* item = nullptr;
-        xmlrpc_array_read_item(env.get(), list, i, &item);
-        xmlrpc_value_ref item_owned(item);
+        xmlrpc_value* item = xmlrpc_array_get_item(env.get(), list, i);   // borrowed
         int pid = 0, respawn = 0;
-        const char* alias = nullptr;
-        xmlrpc_decompose_value(env.get(), item, "{s:i,s:i,s:s,*}", "pid", &pid, "f_respawn", &respawn, "alias", &alias);
-        out += std::to_string(pid) + "/" + std::to_string(respawn) + "/" + (alias ? alias : "") + ";";
-        free(const_cast<char*>(alias));
+        decoded_text alias;
+        xmlrpc_decompose_value(env.get(), item, "{s:i,s:i,s:s,*}", "pid", &pid, "f_respawn", &respawn, "alias",
+                               alias.out());
+        alias.adopt();
+        out += std::to_string(pid) + "/" + std::to_string(respawn) + "/" + alias.get() + ";";
     }
     return out;
 }

@@ -5,16 +5,13 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <string>
 #include <thread>
 
 #include "app_types.h"
-#include "instance.h"
 #include "os_ops.h"
 #include "respawner.h"
 #include "unit_support.h"
@@ -29,10 +26,15 @@ inline std::atomic<int64_t> fake_wall_s{1'700'000'000};
 class supervision_fixture : public ::testing::Test {
 protected:
     explicit supervision_fixture(const std::string& prefix) : scratch_(prefix) {}
-
+    template <typename F>
+    auto with_lock(F&& read)
+    {
+        instance_lock_guard guard(inst_);
+        return read();
+    }
     void SetUp() override
     {
-        fs::create_directory(bin());
+        fs::create_directories(dir_ / "bin");
         fs::create_directory(dir_ / "wd.log.sessions");
         ASSERT_EQ(instance_create(&inst_), 0);
         inst_->log_file_name.set((dir_ / "wd.log").string());
@@ -42,31 +44,31 @@ protected:
     }
     void TearDown() override
     {
-        EXPECT_TRUE(stop());
+        if (started_) {
+            // Shutdown as the signal handler asks for it, children killed outright.
+            with_lock([&] {
+                sig_cnt_ = 1;
+                for (int i = 0; i < inst_->cnt; i++)
+                    if (int pid = inst_->apps[i]->pid) kill(-pid, SIGKILL), kill(pid, SIGKILL);
+                return 0;
+            });
+            watchdog_respawner_wake(inst_);
+            EXPECT_TRUE(wait_until(10s, [&] { return idle(); }));
+            watchdog_respawner_join(inst_);
+        }
         os_ops_reset();
         instance_destroy(&inst_);
     }
-
-    fs::path bin() const { return dir_ / "bin"; }
-
     // An app of `type` whose executable in bin/ is a shell script with `body`.
     app* add_app(const char* type, const std::string& body = "")
     {
-        if (!body.empty()) write_script(bin() / app_types[instance_apps_lookup(type)].exe, body);
+        if (!body.empty()) write_script(dir_ / "bin" / app_types[instance_apps_lookup(type)].exe, body);
         app* r = app_new();
         r->type = instance_apps_lookup(type);
-        r->bin_path.set(bin().string());
+        r->bin_path.set((dir_ / "bin").string());
         r->envs.append("PATH=/usr/bin:/bin");
-        instance_lock_guard guard(inst_);
-        EXPECT_EQ(instance_slot_append(inst_, r), 0);
+        with_lock([&] { return instance_slot_append(inst_, r); });
         return r;
-    }
-
-    template <typename F>
-    auto with_lock(F&& read)
-    {
-        instance_lock_guard guard(inst_);
-        return read();
     }
     void start()
     {
@@ -79,30 +81,19 @@ protected:
         fake_mono_ms += ms;
         watchdog_respawner_wake(inst_);
     }
-    // Asks for shutdown as the signal handler does, kills what still runs;
-    // false if the thread outlived the bound.
-    bool stop()
+    bool idle()
     {
-        if (!started_) return true;
-        started_ = false;
-        with_lock([&] {
-            sig_cnt_ = 1;
-            kill_children();
-        });
-        watchdog_respawner_wake(inst_);
-        bool ended = wait_until(10s, [&] { return inst_->cnt == 0 || all_idle(); });
-        watchdog_respawner_join(inst_);
-        return ended;
+        for (int i = 0; i < inst_->cnt; i++)
+            if (inst_->apps[i]->pid) return false;
+        return true;
     }
     // Polls `pred` under the lock until it holds or `limit` passes.
     bool wait_until(std::chrono::milliseconds limit, const std::function<bool()>& pred)
     {
         auto deadline = std::chrono::steady_clock::now() + limit;
-        for (int round = 0; round < 1'000'000; round++) {
+        for (int round = 0; round < 1'000'000; round++, std::this_thread::sleep_for(1ms))
             if (with_lock(pred)) return true;
-            if (std::chrono::steady_clock::now() >= deadline) return false;
-            std::this_thread::sleep_for(1ms);
-        }
+            else if (std::chrono::steady_clock::now() >= deadline) return false;
         return false;
     }
 
@@ -111,22 +102,6 @@ protected:
     instance* inst_ = nullptr;
     std::atomic<int> sig_cnt_{0};
     bool started_ = false;
-
-private:
-    bool all_idle()
-    {
-        for (int i = 0; i < inst_->cnt; i++)
-            if (inst_->apps[i]->pid) return false;
-        return true;
-    }
-    void kill_children()
-    {
-        for (int i = 0; i < inst_->cnt; i++)
-            if (inst_->apps[i]->pid) {
-                kill(-inst_->apps[i]->pid, SIGKILL);
-                kill(inst_->apps[i]->pid, SIGKILL);   // before its setsid
-            }
-    }
 };
 
 // True once `pid` is gone or a zombie waiting for its parent.
