@@ -16,6 +16,7 @@
 #include "ctl_methods.h"
 #include "ctl_status.h"
 #include "instance.h"
+#include "mem_policy.h"
 
 namespace {
 
@@ -39,6 +40,9 @@ const char* type_name(int type)
 }
 
 int64_t seconds_since(int64_t now, int64_t then) { return then ? now - then : 0; }
+
+// A listing this long leaves megabytes of freed values in the allocator.
+constexpr std::size_t LARGE_LISTING_ROWS = 64;
 
 // The outer fields shared by GetStatus and GetElements, copied under the lock.
 struct listing_head {
@@ -96,8 +100,26 @@ xmlrpc_value* status_reuse(int64_t now, const listing_head& head, const std::vec
     return cache.answer;
 }
 
+// An answer from an earlier second can never be handed out again: it goes,
+// with its megabytes, as soon as that second is over.
+bool status_drop_stale(int64_t now_s)
+{
+    status_cache& cache = last_status();
+    xmlrpc_value* old = nullptr;
+    {
+        std::lock_guard<std::mutex> hold(cache.guard);
+        if (!cache.answer || cache.now == now_s) return false;
+        old = cache.answer;
+        cache.answer = nullptr;
+        cache.rows = {};
+    }
+    xmlrpc_DECREF(old);
+    return true;
+}
+
 void status_keep(int64_t now, listing_head head, std::vector<status_row> rows, xmlrpc_value* answer)
 {
+    mem_policy_set_release_hook(status_drop_stale);
     status_cache& cache = last_status();
     xmlrpc_INCREF(answer);
     xmlrpc_value* old = nullptr;
@@ -192,6 +214,7 @@ CTL_METHOD(GetStatus)
     }
 
     if (xmlrpc_value* same = status_reuse(now, head, rows)) return same;
+    bool large = rows.size() >= LARGE_LISTING_ROWS;
     xmlrpc_value* answer = nullptr;
     {
         xmlrpc_value_ref list(xmlrpc_array_new(env));
@@ -200,6 +223,7 @@ CTL_METHOD(GetStatus)
             if (!append_item(env, list.get(), status_item(env, r, now))) return nullptr;
         answer = build_listing(env, head, list.get());
     }
+    if (answer && large) mem_policy_note_large_answer();
     if (answer) status_keep(now, std::move(head), std::move(rows), answer);
     return answer;
 }

@@ -21,6 +21,7 @@
 #include "conf_writer.h"
 #include "instance.h"
 #include "log/log.h"
+#include "mem_policy.h"
 #include "os_ops.h"
 #include "std_capture.h"
 
@@ -254,6 +255,7 @@ void* watchdog_respawner_proc(void* arg)
             sv.amend_seen = sv.inst->amend;
             continue;
         }
+        mem_policy_release_if_due(watchdog_os.monotonic_ms(), watchdog_os.wall_s());
         wait_for_events(sv, round.timeout_ms);
     }
 
