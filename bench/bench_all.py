@@ -5,20 +5,27 @@
 
 Measures, against the real binary on 127.0.0.1:
   - GetStatus throughput and p50/p99 latency with 1024 configured applications,
-    1 and 8 clients, parsed (xmlrpc.client) and raw HTTP;
+    1 and 8 clients, parsed (xmlrpc.client) and raw HTTP, with the server's CPU
+    per call; anonymous memory after the 8-client raw run;
   - resident memory with 1024 configured applications, and with 50 running children;
-  - supervisor CPU per second of wall time with those 50 quiet children;
+  - supervisor CPU with those 50 quiet children, from every thread's schedstat
+    over at least 10 s;
   - restart latency: from a child's end (SIGKILL from here) to the start of its
     replacement (the first thing the replacement does is note the time);
-  - output capture throughput of one child writing to standard output as fast as it can.
+  - output capture: the rate a child writing 50 MiB to standard output sees,
+    against the same child writing into a plain pipe reader to /dev/null, and
+    whether the session file holds every byte.
 
 Every loop is bounded in count and time; only processes this script started
 are signalled. The binary defaults to $WATCHDOG_BIN, then build/src/VantrelWatchdog.
 """
 
 import os
+import shutil
 import signal
+import subprocess
 import sys
+import tempfile
 import threading
 import time
 import xmlrpc.client
@@ -35,10 +42,14 @@ from watchdog_harness import Watchdog, wait_until  # noqa: E402
 APPS = getstatus_throughput.APPS
 CHILDREN = 50
 RESTARTS = 30
-QUIET = "i=0\nwhile [ $i -lt 600 ]; do sleep 1; i=$((i+1)); done\n"
+QUIET = "exec sleep 600\n"
 # Notes its start in nanoseconds, then waits to be killed (bounded).
 NOTING = "echo \"$(date +%s%N) $$\" >> {starts}\nexec sleep 120\n"
-FLOODER = "exec yes 'capture throughput line, 64 bytes long .......................'\n"
+CAPTURE_MIB = 50
+# Writes CAPTURE_MIB MiB as fast as it can and notes how long that took, in ns.
+BURST = ("s=$(date +%s%N)\ndd if=/dev/zero bs=1M count={mib} status=none\n"
+         "echo $(( $(date +%s%N) - s )) >> {took}\n")
+CAPTURE_ROUNDS = 5   # alternating with the plain reader; medians reported
 
 
 def percentile(values, p):
@@ -48,6 +59,24 @@ def percentile(values, p):
 
 def cpu_seconds(pid):
     return rss_idle.cpu_ticks(pid) / os.sysconf("SC_CLK_TCK")
+
+
+def schedstat_seconds(pid):
+    """CPU time of every thread of `pid`, in seconds, from schedstat (ns)."""
+    total = 0
+    for task in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/schedstat" % (pid, task)) as f:
+                total += int(f.read().split()[0])
+        except (OSError, ValueError, IndexError):
+            pass   # a thread that ended meanwhile
+    return total / 1e9
+
+
+def idle_cpu_percent(pid, seconds):
+    cpu0, t0 = schedstat_seconds(pid), time.monotonic()
+    time.sleep(seconds)
+    return 100.0 * (schedstat_seconds(pid) - cpu0) / (time.monotonic() - t0)
 
 
 def getstatus_latency(port, clients, seconds, kind):
@@ -95,9 +124,19 @@ def bench_getstatus(rows, seconds):
         for kind, label in ((getstatus_throughput.RpcClient, "xmlrpc.client"),
                             (getstatus_throughput.RawClient, "raw HTTP")):
             for clients in (1, 8):
-                rate, p50, p99 = getstatus_latency(wd.port, clients, seconds, kind)
+                run_for = max(seconds, 10.0) if kind is getstatus_throughput.RawClient else seconds
+                # Process totals: they keep the time of connection threads that ended.
+                cpu0 = cpu_seconds(wd.proc.pid)
+                rate, p50, p99 = getstatus_latency(wd.port, clients, run_for, kind)
+                per_call = (cpu_seconds(wd.proc.pid) - cpu0) / max(rate * run_for, 1) * 1e3
                 rows.append(("GetStatus, %d apps, %d client(s), %s" % (APPS, clients, label),
-                             "%.0f req/s, p50 %.1f ms, p99 %.1f ms" % (rate, p50, p99)))
+                             "%.0f req/s, p50 %.1f ms, p99 %.1f ms, server CPU %.2f ms/call" %
+                             (rate, p50, p99, per_call)))
+        mem = rss_idle.status_kib(wd.proc.pid)
+        time.sleep(2.0)   # the answer of the last second is dropped, freed memory handed back
+        later = rss_idle.status_kib(wd.proc.pid)
+        rows.append(("RssAnon after %.0f s of 8 raw HTTP clients: at once / 2 s later" % max(seconds, 10.0),
+                     "%.1f / %.1f MiB" % (mem["RssAnon"] / 1024, later["RssAnon"] / 1024)))
         wd.stop(timeout=30)
     finally:
         wd.cleanup()
@@ -122,12 +161,12 @@ def bench_children(rows, seconds):
         time.sleep(1.0)
         pid = wd.proc.pid
         mem = rss_idle.status_kib(pid)
-        cpu0, t0 = cpu_seconds(pid), time.monotonic()
-        time.sleep(seconds)
-        cpu = (cpu_seconds(pid) - cpu0) / (time.monotonic() - t0)
+        span = max(seconds, 10.0)
+        cpu = idle_cpu_percent(pid, span)
         rows.append(("resident memory, %d running children" % CHILDREN, "%.1f MiB, %s threads" % (
             mem["VmRSS"] / 1024, mem.get("Threads", "?"))))
-        rows.append(("supervisor CPU, %d quiet children" % CHILDREN, "%.2f%% of one core" % (cpu * 100)))
+        rows.append(("supervisor CPU, %d quiet children, schedstat over %.0f s" % (CHILDREN, span),
+                     "%.3f%% of one core" % cpu))
         wd.stop(timeout=60)
     finally:
         wd.cleanup()
@@ -177,28 +216,58 @@ def bench_restart(rows):
         wd.cleanup()
 
 
+def burst_rates(took):
+    with open(took) as f:
+        return [CAPTURE_MIB / (int(line) / 1e9) for line in f if line.strip()]
+
+
+def plain_pipe_rate(wd):
+    """MiB/s the burst sees writing into `cat > /dev/null`."""
+    took = wd.path("took-plain")
+    script = wd.add_script("burst-plain.sh", BURST.format(mib=CAPTURE_MIB, took=took))
+    subprocess.run("%s | cat > /dev/null" % script, shell=True, check=True, timeout=120)
+    return burst_rates(took)[-1]
+
+
 def bench_capture(rows, seconds):
+    del seconds   # CAPTURE_ROUNDS bursts of CAPTURE_MIB MiB
     wd = Watchdog()
+    # Session files on tmpfs where there is one: the figure is the supervisor's,
+    # not the disk's write-back speed (which throttles any writer alike).
+    shm = tempfile.mkdtemp(prefix="wd_capture_", dir="/dev/shm") if os.path.isdir("/dev/shm") else None
+    if shm:
+        wd.log_path = os.path.join(shm, "watchdog.log")
     try:
-        wd.add_script("VantrelLib", FLOODER)
-        os.mkdir(wd.log_path + ".sessions")   # the full path: ring and session file
-        wd.write_conf(["--lib=/cfg/flood", "--bin-path=" + wd.bin_dir, "--env=PATH=/usr/bin:/bin"])
+        took = wd.path("took")
+        wd.add_script("VantrelLib", BURST.format(mib=CAPTURE_MIB, took=took))
+        sessions = wd.log_path + ".sessions"
+        os.mkdir(sessions)   # the full path: ring and session file
+        wd.write_conf(["--lib=/cfg/burst", "--bin-path=" + wd.bin_dir, "--env=PATH=/usr/bin:/bin"])
         wd.start()
         wd.wait_port(timeout=30)
         rpc = wd.rpc()
-        rpc.VantrelWatchdog.SetField(0, "", "t_run", "")
-        wait_until(lambda: rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)["tail"] > 0, timeout=10)
-        tail0, t0 = rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)["tail"], time.monotonic()
-        time.sleep(seconds)
-        tail1, t1 = rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)["tail"], time.monotonic()
-        rate = (tail1 - tail0) / (t1 - t0)
-        rows.append(("output capture, one child writing as fast as it can",
-                     "%.2f MiB/s (ring and session file)" % (rate / 2**20)))
-        rpc.VantrelWatchdog.SetField(0, "", "t_term", "")
+        plain = []
+        for n in range(CAPTURE_ROUNDS):
+            rpc.VantrelWatchdog.SetField(0, "", "t_run", "")
+            if not wait_until(lambda: os.path.exists(took) and len(burst_rates(took)) == n + 1 and
+                              rpc.VantrelWatchdog.GetStatus()["list"][0]["pid"] == 0, timeout=60):
+                raise RuntimeError("burst %d did not end" % n)
+            plain.append(plain_pipe_rate(wd))
+        rates = burst_rates(took)
+        files = [n for n in os.listdir(sessions) if n.endswith("-1")]
+        full = len(files) == CAPTURE_ROUNDS and all(
+            os.path.getsize(os.path.join(sessions, n)) == CAPTURE_MIB << 20 for n in files)
+        rate, base = percentile(rates, 0.5), percentile(plain, 0.5)
+        rows.append(("capture, child writing %d MiB: rate it sees / plain pipe reader (median of %d%s)" %
+                     (CAPTURE_MIB, CAPTURE_ROUNDS, ", files on tmpfs" if shm else ""),
+                     "%.0f / %.0f MiB/s (%.2fx), session files %s" %
+                     (rate, base, rate / base, "complete" if full else "INCOMPLETE")))
         rpc("close")()
         wd.stop(timeout=30)
     finally:
         wd.cleanup()
+        if shm:
+            shutil.rmtree(shm, ignore_errors=True)
 
 
 def main():

@@ -1,8 +1,11 @@
 // Measures the supervision thread in this process with real children:
 //  - restart latency: from a child's end (we SIGKILL it) to the fork of its
-//    replacement, median and p95 over RESTARTS restarts;
+//    replacement (noted by the fork itself), median and p95 over RESTARTS restarts;
 //  - supervisor CPU time per second of wall time with QUIET_CHILDREN quiet
-//    children running (getrusage of this process over CPU_SECONDS).
+//    children running (getrusage of this process over CPU_SECONDS);
+//  - GetStatus with STATUS_APPS applications: how long another thread waits
+//    for the instance lock while calls run back to back (an upper bound of
+//    the lock hold), and the CPU of one call, answer serialised as the server does.
 // Children are /bin/sleep under the "lib" executable name in a temporary
 // directory. Only pids this program started are signalled.
 #include <signal.h>
@@ -16,11 +19,17 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include <xmlrpc-c/base.h>
+
 #include "app_types.h"
+#include "child_registry.h"
+#include "ctl_methods.h"
 #include "instance.h"
+#include "os_ops.h"
 #include "respawner.h"
 
 namespace fs = std::filesystem;
@@ -32,15 +41,28 @@ namespace {
 constexpr int RESTARTS = 20;
 constexpr int QUIET_CHILDREN = 50;
 constexpr int CPU_SECONDS = 10;
+constexpr int STATUS_APPS = 1024;
+constexpr int STATUS_CALLS = 300;
 
 std::atomic<int> sig_cnt{0};
+std::atomic<int64_t> last_fork_ns{0};
 
-double cpu_seconds()
+int64_t steady_ns()
 {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    auto secs = [](const timeval& tv) { return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6; };
-    return secs(usage.ru_utime) + secs(usage.ru_stime);
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now().time_since_epoch()).count();
+}
+
+pid_t noting_fork()
+{
+    last_fork_ns = steady_ns();
+    return child_registry_fork();
+}
+
+double thread_cpu_seconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
 app* add_app(instance* inst, const fs::path& bin)
@@ -77,20 +99,78 @@ double percentile(std::vector<double> values, double p)
     return values[std::min(idx, values.size() - 1)];
 }
 
+// One GetStatus as the server answers it: the value built and serialised.
+size_t status_call(instance* inst)
+{
+    xmlrpc_env env;
+    xmlrpc_env_init(&env);
+    xmlrpc_value* answer = ctl_method_GetStatus(&env, nullptr, inst, nullptr);
+    size_t size = 0;
+    if (answer) {
+        xmlrpc_mem_block* out = XMLRPC_MEMBLOCK_NEW(char, &env, 0);
+        xmlrpc_serialize_response(&env, out, answer);
+        size = XMLRPC_MEMBLOCK_SIZE(char, out);
+        XMLRPC_MEMBLOCK_FREE(char, out);
+        xmlrpc_DECREF(answer);
+    }
+    xmlrpc_env_clean(&env);
+    return size;
+}
+
+void bench_status(instance* inst, const fs::path& bin)
+{
+    for (int i = 0; i < STATUS_APPS; i++) {
+        app* r = add_app(inst, bin);
+        r->f_respawn = 0;
+        r->alias.set("application " + std::to_string(i));
+        r->thumb.set("/Vantrel/thumbs/" + std::to_string(i) + ".png");
+    }
+    std::atomic<bool> done{false};
+    std::vector<double> waits_ms;
+    std::thread contender([&] {
+        while (!done) {
+            auto t0 = steady::now();
+            pthread_mutex_lock(&inst->lock);
+            auto t1 = steady::now();
+            pthread_mutex_unlock(&inst->lock);
+            waits_ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+            std::this_thread::sleep_for(50us);
+        }
+    });
+    size_t size = 0;
+    double cpu0 = thread_cpu_seconds();
+    for (int i = 0; i < STATUS_CALLS; i++) size = status_call(inst);
+    double cpu = thread_cpu_seconds() - cpu0;
+    done = true;
+    contender.join();
+    printf("GetStatus with %d apps (%zu KiB answer): %.2f ms CPU per call; lock wait of another thread "
+           "p99 %.3f ms, max %.3f ms over %zu tries\n",
+           STATUS_APPS, size / 1024, 1000.0 * cpu / STATUS_CALLS, percentile(waits_ms, 0.99),
+           *std::max_element(waits_ms.begin(), waits_ms.end()), waits_ms.size());
+}
+
+double cpu_seconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto secs = [](const timeval& tv) { return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6; };
+    return secs(usage.ru_utime) + secs(usage.ru_stime);
+}
+
 void shutdown(instance* inst)
 {
     {
         instance_lock_guard guard(inst);
         sig_cnt = 1;
         for (int i = 0; i < inst->cnt; i++)
-            if (inst->apps[i]->pid) kill(inst->apps[i]->pid, SIGKILL);
+            if (inst->apps[i]->pid) kill(-inst->apps[i]->pid, SIGKILL);
     }
     watchdog_respawner_join(inst);
 }
 
 }  // namespace
 
-int main()
+int main(int argc, char** argv)
 {
     char tmpl[] = "/tmp/supervision_bench-XXXXXX";
     if (!mkdtemp(tmpl)) return 1;
@@ -108,7 +188,15 @@ int main()
     inst->log_file_name.set((dir / "wd.log").string());
     inst->p_sig_cnt = &sig_cnt;
 
+    if (argc > 1 && std::string(argv[1]) == "status") {
+        bench_status(inst, dir / "bin");
+        instance_destroy(&inst);
+        fs::remove_all(dir);
+        return 0;
+    }
+
     // Restart latency.
+    watchdog_os.fork = noting_fork;
     app* one = add_app(inst, dir / "bin");
     watchdog_respawner_start(inst);
     std::vector<double> latencies_ms;
@@ -124,7 +212,8 @@ int main()
             ended = steady::now();
         }
         if (!wait_until(inst, 5000ms, [&] { return one->pid != 0 && one->pid != old_pid; })) break;
-        latencies_ms.push_back(std::chrono::duration<double, std::milli>(steady::now() - ended).count());
+        int64_t ended_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(ended.time_since_epoch()).count();
+        latencies_ms.push_back(static_cast<double>(last_fork_ns - ended_ns) / 1e6);
     }
     shutdown(inst);
 

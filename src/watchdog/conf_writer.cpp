@@ -73,6 +73,10 @@ void write_conf(FILE* f, const instance* inst)
     put_line(f, "--log-file-name=", inst->log_file_name.str());
     fprintf(f, "--log-rotate-interval=%d\n", inst->log_rotate_interval);
     host_options_write(f, inst);
+    // Session bounds only when they differ from the defaults.
+    if (inst->sessions_keep != SESSIONS_KEEP_DEFAULT) fprintf(f, "--sessions-keep=%d\n", inst->sessions_keep);
+    if (inst->session_max_bytes != SESSION_MAX_BYTES_DEFAULT)
+        fprintf(f, "--session-max-bytes=%lld\n", static_cast<long long>(inst->session_max_bytes));
 
     for (int i = 0; i < inst->cnt; i++) {
         const app* a = inst->apps[i];

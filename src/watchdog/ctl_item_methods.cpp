@@ -78,11 +78,25 @@ CTL_METHOD(GetItem)
     ptr.adopt();
     log_printf(LOG_TRACE, "%s: idx=%d, ptr=[%s]", method, idx, ptr.get());
 
-    instance_lock_guard hold(inst);
-    int slot = ctl_app_resolve(inst, method, idx, ptr.get());
-    if (slot < 0) return ctl_reply_ret(env, CTL_RET_NO_APP);
+    // A copy of the record's configuration, taken under the lock; the answer is
+    // built from it after the lock is released.
+    app record;
+    int slot;
+    {
+        instance_lock_guard hold(inst);
+        slot = ctl_app_resolve(inst, method, idx, ptr.get());
+        if (slot < 0) return ctl_reply_ret(env, CTL_RET_NO_APP);
+        const app& source = *inst->apps[slot];
+        record.type = source.type;
+        record.alias = source.alias;
+        record.thumb = source.thumb;
+        record.config = source.config;
+        record.bin_path = source.bin_path;
+        record.numa_bind = source.numa_bind;
+        record.raws = source.raws;
+        record.envs = source.envs;
+    }
 
-    const app& record = *inst->apps[slot];
     xmlrpc_value_ref raws(list_to_array(env, record.raws));
     if (env->fault_occurred) return nullptr;
     xmlrpc_value_ref envs(list_to_array(env, record.envs));

@@ -2,17 +2,15 @@
 // delete, clone), or a machine command from a request that addresses none.
 #include <strings.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <ctime>
 
+#include "app_life.h"
 #include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "ctl_reply.h"
 #include "instance.h"
 #include "log/log.h"
-#include "os_ops.h"
 #include "respawner.h"
 #include "system_runner.h"
 
@@ -37,20 +35,19 @@ int set_autorun(instance* inst, app& record, const char* val)
 
 int set_respawn(instance* inst, app& record, const char* val)
 {
-    record.f_respawn = flag_value(val);
+    app_life_set_respawn(inst, record, flag_value(val));
     record.amend++;
     inst->amend++;
     return CTL_RET_OK;
 }
 
 // The supervision thread does the launch; this only asks for it.
-int mark_run(app& record)
+int mark_run(instance* inst, app& record)
 {
-    if (record.pid) {
+    if (!app_life_request_start(inst, record)) {
         log_printf(LOG_ERROR, "%s: already running", METHOD);
         return CTL_RET_OK;
     }
-    record.t_run = 1;
     log_printf(LOG_ERROR, "%s: marking to start", METHOD);
     return CTL_RET_OK;
 }
@@ -59,16 +56,9 @@ int mark_run(app& record)
 int terminate(app& record)
 {
     record.amend++;
-    if (!record.pid) {
-        log_printf(LOG_ERROR, "%s: not running", METHOD);
-        return CTL_RET_OK;
-    }
-    if (record.t_term) {
-        log_printf(LOG_ERROR, "%s: already terminating", METHOD);
-        return CTL_RET_OK;
-    }
-    record.t_term = time(nullptr);
-    watchdog_os.kill(record.pid, SIGINT);
+    stop_result result = app_life_request_stop(record);
+    if (result == stop_result::not_running) log_printf(LOG_ERROR, "%s: not running", METHOD);
+    if (result == stop_result::already_terminating) log_printf(LOG_ERROR, "%s: already terminating", METHOD);
     return CTL_RET_OK;
 }
 
@@ -95,6 +85,8 @@ int remove_app(instance* inst, int slot)
         inst->amend++;
         return CTL_RET_OK;
     }
+    // Under the lock: the record must not be launched again meanwhile. The
+    // forker has cleared pid as its last step, so the join is immediate.
     watchdog_respawner_app_join(record);
     // last_app must never point at a freed record.
     if (inst->last_app == record) inst->last_app = nullptr;
@@ -124,7 +116,7 @@ int run_app_command(instance* inst, int slot, const char* field, const char* val
     app& record = *inst->apps[slot];
     if (!strcasecmp(field, "f_autorun")) return set_autorun(inst, record, val);
     if (!strcasecmp(field, "f_respawn")) return set_respawn(inst, record, val);
-    if (!strcasecmp(field, "t_run")) return mark_run(record);
+    if (!strcasecmp(field, "t_run")) return mark_run(inst, record);
     if (!strcasecmp(field, "t_term")) return terminate(record);
     if (!strcasecmp(field, "t_up")) return move_up(inst, slot);
     if (!strcasecmp(field, "t_down")) return move_down(inst, slot);
@@ -167,8 +159,13 @@ CTL_METHOD(SetField)
     log_printf(LOG_TRACE, "%s: idx=%d, ptr=[%s], field=[%s], val=[%s]", METHOD, idx, ptr.get(), field.get(),
                val.get());
 
-    instance_lock_guard hold(inst);
-    int slot = ctl_app_resolve(inst, METHOD, idx, ptr.get());
-    int ret = slot >= 0 ? run_app_command(inst, slot, field.get(), val.get()) : run_system_command(field.get());
+    int slot, ret = 0;
+    {
+        instance_lock_guard hold(inst);
+        slot = ctl_app_resolve(inst, METHOD, idx, ptr.get());
+        if (slot >= 0) ret = run_app_command(inst, slot, field.get(), val.get());
+    }
+    // The machine commands wait for a shell; supervision must not wait with them.
+    if (slot < 0) ret = run_system_command(field.get());
     return ctl_reply_ret(env, ret);
 }

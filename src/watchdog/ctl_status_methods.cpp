@@ -1,10 +1,14 @@
-// GetStatus, GetElements, GetApps: read-only listings, built whole under the
-// lock so that each is a consistent picture of one moment.
+// GetStatus, GetElements, GetApps: read-only listings. Each copies the plain
+// fields it needs under the lock (one consistent moment) and builds the
+// XML-RPC values after releasing it, so supervision never waits for them.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include "app_types.h"
 #include "banner.h"
@@ -12,6 +16,7 @@
 #include "ctl_methods.h"
 #include "ctl_status.h"
 #include "instance.h"
+#include "mem_policy.h"
 
 namespace {
 
@@ -36,13 +41,118 @@ const char* type_name(int type)
 
 int64_t seconds_since(int64_t now, int64_t then) { return then ? now - then : 0; }
 
-// The outer struct shared by GetStatus and GetElements.
-xmlrpc_value* build_listing(xmlrpc_env* env, const instance* inst, xmlrpc_value* list)
+// A listing this long leaves megabytes of freed values in the allocator.
+constexpr std::size_t LARGE_LISTING_ROWS = 64;
+
+// The outer fields shared by GetStatus and GetElements, copied under the lock.
+struct listing_head {
+    uint32_t amend = 0;
+    std::string instance_name;
+    bool operator==(const listing_head&) const = default;
+};
+
+listing_head copy_head(const instance* inst) { return {inst->amend, inst->instance_name.str()}; }
+
+xmlrpc_value* build_listing(xmlrpc_env* env, const listing_head& head, xmlrpc_value* list)
 {
-    return xmlrpc_build_value(env, "{s:I,s:A,s:s,s:s}", "amend", static_cast<xmlrpc_int64>(inst->amend),
-                              "list", list, "version", watchdog_version(), "instance_name",
-                              inst->instance_name.c_str());
+    return xmlrpc_build_value(env, "{s:I,s:A,s:s,s:s}", "amend", static_cast<xmlrpc_int64>(head.amend), "list",
+                              list, "version", watchdog_version(), "instance_name", head.instance_name.c_str());
 }
+
+struct status_row {
+    uint64_t amend;
+    uint64_t handle;
+    int pid;
+    int64_t started;
+    int64_t t_term;
+    int f_autorun;
+    int f_respawn;
+    int type;
+    std::string err, alias, thumb;
+    bool operator==(const status_row&) const = default;
+};
+
+// The last GetStatus answer with everything it was built from. An answer is a
+// function of these and of the second it was asked in, so when they are all
+// equal the same value is handed out again: a front end polling once a second
+// per user then costs no building (1024 applications take milliseconds of CPU
+// and leave megabytes behind in the allocator).
+struct status_cache {
+    std::mutex guard;
+    int64_t now = -1;
+    listing_head head;
+    std::vector<status_row> rows;
+    xmlrpc_value* answer = nullptr;   // one reference held here
+};
+
+status_cache& last_status()
+{
+    static status_cache* cache = new status_cache;   // lives until exit, after every server thread
+    return *cache;
+}
+
+xmlrpc_value* status_reuse(int64_t now, const listing_head& head, const std::vector<status_row>& rows)
+{
+    status_cache& cache = last_status();
+    std::lock_guard<std::mutex> hold(cache.guard);
+    if (!cache.answer || cache.now != now || !(cache.head == head) || cache.rows != rows) return nullptr;
+    xmlrpc_INCREF(cache.answer);
+    return cache.answer;
+}
+
+// An answer from an earlier second can never be handed out again: it goes,
+// with its megabytes, as soon as that second is over.
+bool status_drop_stale(int64_t now_s)
+{
+    status_cache& cache = last_status();
+    xmlrpc_value* old = nullptr;
+    {
+        std::lock_guard<std::mutex> hold(cache.guard);
+        if (!cache.answer || cache.now == now_s) return false;
+        old = cache.answer;
+        cache.answer = nullptr;
+        cache.rows = {};
+    }
+    xmlrpc_DECREF(old);
+    return true;
+}
+
+void status_keep(int64_t now, listing_head head, std::vector<status_row> rows, xmlrpc_value* answer)
+{
+    mem_policy_set_release_hook(status_drop_stale);
+    status_cache& cache = last_status();
+    xmlrpc_INCREF(answer);
+    xmlrpc_value* old = nullptr;
+    {
+        std::lock_guard<std::mutex> hold(cache.guard);
+        old = cache.answer;
+        cache.answer = answer;
+        cache.now = now;
+        cache.head = std::move(head);
+        cache.rows = std::move(rows);
+    }
+    if (old) xmlrpc_DECREF(old);
+}
+
+struct element_row {
+    int type;
+    int port;
+    std::string alias, thumb;
+};
+
+xmlrpc_value* status_item(xmlrpc_env* env, const status_row& r, int64_t now)
+{
+    char ptr[64];
+    snprintf(ptr, sizeof ptr, "%lx", static_cast<unsigned long>(r.handle));
+    return xmlrpc_build_value(env, "{s:I,s:s,s:i,s:I,s:I,s:i,s:i,s:s,s:s,s:s,s:s}", "amend",
+                              static_cast<xmlrpc_int64>(r.amend), "ptr", ptr, "pid", r.pid, "started",
+                              static_cast<xmlrpc_int64>(seconds_since(now, r.started)), "terminated",
+                              static_cast<xmlrpc_int64>(seconds_since(now, r.t_term)), "f_autorun", r.f_autorun,
+                              "f_respawn", r.f_respawn, "err", r.err.c_str(), "alias", r.alias.c_str(), "thumb",
+                              r.thumb.c_str(), "app_name", type_name(r.type));
+}
+
+
 
 // Appends `item` (built by the caller) to `list`; false with a fault in `env`.
 bool append_item(xmlrpc_env* env, xmlrpc_value* list, xmlrpc_value* item)
@@ -62,19 +172,23 @@ int ctl_element_default_port(int type)
     return -1;
 }
 
-int ctl_element_port(const app& record)
+bool ctl_element_port(const app& record, int* port)
 {
     int fallback = ctl_element_default_port(record.type);
-    if (fallback < 0) return -1;
+    if (fallback < 0) return false;
+    *port = fallback;
     const char* marker = record.type == APP_TYPE_ELEM_FLASH ? "--xmlrpc-port=" : "--port=";
     std::size_t marker_len = strlen(marker);
     for (const bounded_str& raw : record.raws) {
         if (strncmp(raw.c_str(), marker, marker_len) != 0) continue;
         // A leading-number conversion, cut to 32 bits as the element reads it.
-        int port = static_cast<int>(static_cast<uint32_t>(strtoll(raw.c_str() + marker_len, nullptr, 10)));
-        if (port != 0) return port;
+        int value = static_cast<int>(static_cast<uint32_t>(strtoll(raw.c_str() + marker_len, nullptr, 10)));
+        if (value != 0) {
+            *port = value;
+            break;
+        }
     }
-    return fallback;
+    return true;
 }
 
 CTL_METHOD(GetStatus)
@@ -86,22 +200,32 @@ CTL_METHOD(GetStatus)
     // inflate the reported run times.
     int64_t now = time(nullptr);
 
-    instance_lock_guard hold(inst);
-    xmlrpc_value_ref list(xmlrpc_array_new(env));
-    if (env->fault_occurred) return nullptr;
-    for (int i = 0; i < inst->cnt; i++) {
-        const app* a = inst->apps[i];
-        char ptr[64];
-        snprintf(ptr, sizeof ptr, "%lx", static_cast<unsigned long>(a->handle));
-        xmlrpc_value* item = xmlrpc_build_value(
-            env, "{s:I,s:s,s:i,s:I,s:I,s:i,s:i,s:s,s:s,s:s,s:s}", "amend", static_cast<xmlrpc_int64>(a->amend),
-            "ptr", ptr, "pid", a->pid, "started", static_cast<xmlrpc_int64>(seconds_since(now, a->started)),
-            "terminated", static_cast<xmlrpc_int64>(seconds_since(now, a->t_term)), "f_autorun", a->f_autorun,
-            "f_respawn", a->f_respawn, "err", a->err.c_str(), "alias", a->alias.c_str(), "thumb",
-            a->thumb.c_str(), "app_name", type_name(a->type));
-        if (!append_item(env, list.get(), item)) return nullptr;
+    listing_head head;
+    std::vector<status_row> rows;
+    rows.reserve(APPS_MAX);   // no reallocation while the lock is held
+    {
+        instance_lock_guard hold(inst);
+        head = copy_head(inst);
+        for (int i = 0; i < inst->cnt; i++) {
+            const app* a = inst->apps[i];
+            rows.push_back({a->amend, a->handle, a->pid, a->started, a->t_term, a->f_autorun, a->f_respawn, a->type,
+                            a->err.str(), a->alias.str(), a->thumb.str()});
+        }
     }
-    return build_listing(env, inst, list.get());
+
+    if (xmlrpc_value* same = status_reuse(now, head, rows)) return same;
+    bool large = rows.size() >= LARGE_LISTING_ROWS;
+    xmlrpc_value* answer = nullptr;
+    {
+        xmlrpc_value_ref list(xmlrpc_array_new(env));
+        if (env->fault_occurred) return nullptr;
+        for (const status_row& r : rows)
+            if (!append_item(env, list.get(), status_item(env, r, now))) return nullptr;
+        answer = build_listing(env, head, list.get());
+    }
+    if (answer && large) mem_policy_note_large_answer();
+    if (answer) status_keep(now, std::move(head), std::move(rows), answer);
+    return answer;
 }
 
 CTL_METHOD(GetElements)
@@ -110,29 +234,37 @@ CTL_METHOD(GetElements)
     (void)call_info;
     instance* inst = static_cast<instance*>(server_info);
 
-    instance_lock_guard hold(inst);
+    listing_head head;
+    std::vector<element_row> rows;
+    {
+        instance_lock_guard hold(inst);
+        head = copy_head(inst);
+        for (int i = 0; i < inst->cnt; i++) {
+            const app* a = inst->apps[i];
+            int port = 0;
+            if (a->pid == 0 || !ctl_element_port(*a, &port)) continue;
+            rows.push_back({a->type, port, a->alias.str(), a->thumb.str()});
+        }
+    }
+
     xmlrpc_value_ref list(xmlrpc_array_new(env));
     if (env->fault_occurred) return nullptr;
-    for (int i = 0; i < inst->cnt; i++) {
-        const app* a = inst->apps[i];
-        if (a->pid == 0) continue;
-        int port = ctl_element_port(*a);
-        if (port < 0) continue;
-        xmlrpc_value* item = xmlrpc_build_value(env, "{s:i,s:i,s:s,s:s,s:s}", "id", a->type, "port", port,
-                                                "alias", a->alias.c_str(), "thumb", a->thumb.c_str(),
-                                                "app_name", type_name(a->type));
+    for (const element_row& r : rows) {
+        xmlrpc_value* item = xmlrpc_build_value(env, "{s:i,s:i,s:s,s:s,s:s}", "id", r.type, "port", r.port, "alias",
+                                                r.alias.c_str(), "thumb", r.thumb.c_str(), "app_name",
+                                                type_name(r.type));
         if (!append_item(env, list.get(), item)) return nullptr;
     }
-    return build_listing(env, inst, list.get());
+    return build_listing(env, head, list.get());
 }
 
 CTL_METHOD(GetApps)
 {
     (void)params;
     (void)call_info;
-    instance* inst = static_cast<instance*>(server_info);
+    (void)server_info;
 
-    instance_lock_guard hold(inst);
+    // The type table is constant: no lock.
     xmlrpc_value_ref names(xmlrpc_array_new(env));
     if (env->fault_occurred) return nullptr;
     // Row 0 ("none") is no type a client may configure.

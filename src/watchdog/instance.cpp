@@ -1,5 +1,7 @@
 #include "instance.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -42,6 +44,7 @@ int instance_destroy(instance** holder)
     *holder = nullptr;
     if (!inst) return -ENOMEM;
     pthread_mutex_destroy(&inst->lock);
+    if (inst->wake_fd >= 0) close(inst->wake_fd);
     for (int i = 0; i < inst->cnt; i++) app_free(inst->apps[i]);
     delete inst;
     return 0;
@@ -74,7 +77,13 @@ app* app_clone(const app& source)
     return record;
 }
 
-void app_free(app* record) { delete record; }
+void app_free(app* record)
+{
+    if (!record) return;
+    for (int fd : record->session_fds)
+        if (fd >= 0) close(fd);
+    delete record;
+}
 
 int instance_slot_append(instance* inst, app* record)
 {

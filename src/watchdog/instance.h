@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <string>
 
 #include "bounded.h"
 #include "host_options.h"
@@ -17,8 +19,14 @@ constexpr std::size_t INHERITED_ENVS_MAX = 64;
 constexpr std::size_t STD_BUF_SIZE = 32768;   // bytes kept per captured stream
 constexpr int STD_STREAMS = 3;                // stdin, stdout, stderr
 
+constexpr int SESSIONS_KEEP_DEFAULT = 10;
+constexpr int64_t SESSION_MAX_BYTES_DEFAULT = int64_t{64} << 20;
+
 struct ctl_state;
 struct instance;
+
+// An application's life; app_life.h holds every transition between these.
+enum class app_state { idle, launching, running, terminating, ended };
 
 // One end pair of a pipe to a child; -1 marks a closed descriptor.
 struct std_pipe {
@@ -67,11 +75,19 @@ struct app {
     pthread_t forker{};
     int forker_cnt = 0;   // 0: barrier never initialised, no thread to join
     struct instance* instance = nullptr;
+    app_state state = app_state::idle;
+    int64_t started_ms = 0;   // monotonic time of the fork
+    int64_t term_ms = 0;      // monotonic time of the last SIGINT or SIGKILL, 0: none
 
     // Launch and capture state.
     std_pipe std_pipes[STD_STREAMS];
     std_ring std_bufs[STD_STREAMS];
+    bool std_eof[STD_STREAMS] = {};       // the child closed its end; nothing more to poll
     bounded_str session_name;
+    int session_fds[STD_STREAMS] = {-1, -1, -1};   // open while the child runs
+    int64_t session_bytes[STD_STREAMS] = {};       // size of the open file
+    int64_t session_retry_ms = 0;                   // next open attempt after a failure
+    std::deque<std::string> sessions;               // this record's session names, oldest first
 
     // Non-zero, fixed for the record's life, unique among live records.
     uint64_t handle = 0;
@@ -103,6 +119,11 @@ struct instance {
     bounded_str log_file_name;
     int log_rotate_interval = 0;
     host_options host;
+    // Disk bounds of session files: children kept per application, bytes per file.
+    int sessions_keep = SESSIONS_KEEP_DEFAULT;
+    int64_t session_max_bytes = SESSION_MAX_BYTES_DEFAULT;
+    uint32_t amend_at_start = 0;   // the supervision thread's first noted amend
+    int wake_fd = -1;   // eventfd that wakes the supervision thread; -1 before it starts
 };
 
 // 0; -EINVAL for a null holder; -ENOMEM when the record cannot be allocated.

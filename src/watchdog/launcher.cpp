@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "app_life.h"
 #include "app_types.h"
 #include "child_conf.h"
 #include "child_registry.h"
@@ -32,7 +33,9 @@ namespace {
 
 // Every line of a launch carries the forker's name, helpers included.
 constexpr const char* PROC = "watchdog_respawner_run_proc";
-constexpr int WAIT_EINTR_RETRIES = 1000;
+// Our read ends ask for this much room, so a burst rarely makes the child wait
+// for the supervision thread; refused sizes are fine.
+constexpr int STD_PIPE_SIZE = 1 << 20;
 
 const char* type_name(int type)
 {
@@ -75,18 +78,19 @@ void pipes_create(std_pipe pipes[STD_STREAMS], int debug)
 {
     for (int i = 0; i < STD_STREAMS; i++) {
         int fds[2];
-        if (pipe2(fds, O_CLOEXEC) == 0) {
+        if (watchdog_os.pipe(fds) == 0) {   // close-on-exec: no other child inherits them
             pipes[i].rd = fds[0];
             pipes[i].wr = fds[1];
         } else {
             pipes[i].rd = pipes[i].wr = -1;
         }
     }
-    // Our ends never block a pass; the child's ends stay blocking.
+    // Our ends never block the supervision thread; the child's ends stay blocking.
     fcntl(pipes[0].wr, F_SETFL, O_NONBLOCK);
     fcntl(pipes[1].rd, F_SETFL, O_NONBLOCK);
     fcntl(pipes[2].rd, F_SETFL, O_NONBLOCK);
-    if (debug) fcntl(pipes[2].rd, F_SETPIPE_SZ, static_cast<int>(STD_PIPE_DEBUG_SIZE));
+    fcntl(pipes[1].rd, F_SETPIPE_SZ, STD_PIPE_SIZE);
+    fcntl(pipes[2].rd, F_SETPIPE_SZ, debug ? static_cast<int>(STD_PIPE_DEBUG_SIZE) : STD_PIPE_SIZE);
 }
 
 // Child side: async-signal-safe calls only (numa_bind is the exception the
@@ -141,30 +145,19 @@ void launch_refuse(app* record)
     str_copy(record->err, "Start error");
 }
 
-pid_t wait_child(pid_t pid, int* status)
-{
-    pid_t result = -1;
-    for (int attempt = 0; attempt < WAIT_EINTR_RETRIES; attempt++) {
-        result = waitpid(pid, status, 0);
-        if (result >= 0 || errno != EINTR) break;
-    }
-    return result;
-}
-
 // After the child's end, with the lock held: last output, then back to idle.
 void launch_cleanup(instance* inst, app* record)
 {
     auto scratch = std::make_unique<char[]>(STD_BUF_SIZE);
     watchdog_std_drain(inst, record, scratch.get(), 1);
     watchdog_std_drain(inst, record, scratch.get(), 2);
-    record->pid = 0;
-    record->started = 0;
-    record->t_term = 0;
+    watchdog_std_close(record);
+    app_life_cleared(*record);
     fd_close(record->std_pipes[0].wr);
     fd_close(record->std_pipes[1].rd);
     fd_close(record->std_pipes[2].rd);
-    record->amend++;
     child_conf_remove(*record);
+    watchdog_respawner_wake(inst);
 }
 
 // The option file could not be written: a half-configured child is worse than
@@ -250,38 +243,18 @@ int launch_build_envp(const app& record, const instance& inst, const char* envp[
     return n;
 }
 
-void launch_classify_end(app& record, int64_t now, int status)
-{
-    if (now <= record.started + FAST_EXIT_SECONDS) {
-        // Not reset at the message: every further fast end repeats it at once.
-        if (++record.fast_respawn_cnt > FAST_EXITS_MAX) {
-            log_printf(LOG_ERROR, "%s: respawn too fast", PROC);
-            record.f_respawn = 0;
-            str_copy(record.err, "Respawn too fast");
-        }
-    } else {
-        record.fast_respawn_cnt = 0;
-    }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_EXEC_FAILED) {
-        log_printf(LOG_ERROR, "%s: executable startup failed, check paths", PROC);
-        record.f_respawn = 0;
-        str_copy(record.err, "Start error");
-    }
-}
-
 void* watchdog_respawner_run_proc(void* arg)
 {
     app* record = static_cast<app*>(arg);
     instance* inst = record->instance;
 
     // Until the barrier the supervision thread holds the lock on our behalf.
-    record->session_name.clear();
-    record->t_run = 0;
-    record->err.clear();
+    app_life_launching(*record);
     log_printf(LOG_INFO, "%s: starting: type={%s}, sys_id={%lx}", PROC, type_name(record->type),
                static_cast<unsigned long>(record->handle));
     if (!launch_runnable(*record)) {
         launch_refuse(record);
+        app_life_fork_failed(*record);
         pthread_barrier_wait(&record->forker_barrier);
         return nullptr;
     }
@@ -296,6 +269,7 @@ void* watchdog_respawner_run_proc(void* arg)
     int argc = launch_build_argv(*record, path.get(), argv);
     if (argc < 0) {
         launch_refuse_conf(record);
+        app_life_fork_failed(*record);
         pthread_barrier_wait(&record->forker_barrier);
         return nullptr;
     }
@@ -317,13 +291,13 @@ void* watchdog_respawner_run_proc(void* arg)
         }
         child_conf_remove(*record);
         path.reset();
+        app_life_fork_failed(*record);
         pthread_barrier_wait(&record->forker_barrier);
         return nullptr;
     }
 
     log_printf(LOG_INFO, "%s: fork done, pid=[%d]", PROC, static_cast<int>(pid));
-    record->pid = pid;
-    record->started = time(nullptr);
+    app_life_forked(*record, pid);
     path.reset();
     numa_mask.reset();
     fd_close(pipes[0].rd);
@@ -334,7 +308,7 @@ void* watchdog_respawner_run_proc(void* arg)
     // From here on the record is shared again: touch it only under the lock.
     log_printf(LOG_INFO, "%s: waitpid(%ld)", PROC, static_cast<long>(pid));
     int status = 0;
-    pid_t result = wait_child(pid, &status);
+    pid_t result = app_life_wait_end(pid, &status);
     int wait_errno = errno;
     log_printf(LOG_ERROR, "%s: waitpid(%ld)=%d", PROC, static_cast<long>(pid), static_cast<int>(result));
     child_registry_release(pid);
@@ -348,8 +322,8 @@ void* watchdog_respawner_run_proc(void* arg)
         log_printf(LOG_INFO, "%s: pid=%ld, WIFEXITED=[%d], WEXITSTATUS=[%d], WIFSIGNALED=[%d], WIFSTOPPED=[%d]",
                    PROC, static_cast<long>(pid), WIFEXITED(status) ? 1 : 0, WEXITSTATUS(status),
                    WIFSIGNALED(status) ? 1 : 0, WIFSTOPPED(status) ? 1 : 0);
-        launch_classify_end(*record, time(nullptr), status);
     }
+    app_life_exited(*record, result >= 0, status);
     launch_cleanup(inst, record);
     return nullptr;
 }

@@ -13,8 +13,6 @@ struct app;
 constexpr int LAUNCH_VEC_SLOTS = 64;      // argv and envp, terminating null included
 constexpr int SCRIPT_ARGS_MAX = LAUNCH_VEC_SLOTS - 2;
 constexpr int EXIT_EXEC_FAILED = 128;     // the child's status when execve fails
-constexpr int FAST_EXIT_SECONDS = 4;      // an end this soon after the start counts as fast
-constexpr int FAST_EXITS_MAX = 5;         // one more fast end in a row stops respawning
 
 // Whether the type names an executable at all ("gpi" does not); the others are
 // launched, and a path that cannot be executed ends as a start error.
@@ -38,8 +36,4 @@ int launch_build_argv(app& record, const char* path, const char* argv[LAUNCH_VEC
 // entries are dropped (and logged) so the supervisor-wide ones always reach the
 // child. Returns the number of entries.
 int launch_build_envp(const app& record, const instance& inst, const char* envp[LAUNCH_VEC_SLOTS]);
-
-// Applies the end of a child to the record: the fast-exit guard and the
-// start-error check. `now` and `started` are seconds; `status` is waitpid's.
-void launch_classify_end(app& record, int64_t now, int status);
 

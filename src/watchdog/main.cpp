@@ -9,11 +9,14 @@
 #include "instance.h"
 #include "log/log.h"
 #include "options.h"
+#include "mem_policy.h"
 #include "run_phase.h"
 
 int main(int argc, char** argv)
 {
-    // Before any thread exists, so that every thread inherits the mask.
+    // Before any thread exists, so that every thread inherits the mask and the
+    // allocator limits.
+    mem_policy_apply();
     run_phase_block_signals();
 
     instance* inst = nullptr;

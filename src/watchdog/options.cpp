@@ -30,6 +30,8 @@ constexpr int DEFAULT_LOG_ROTATE_INTERVAL = 86400;
 constexpr int APP_LINES_MAX = 7 + static_cast<int>(APP_ENVS_MAX + APP_RAWS_MAX);
 constexpr int FILE_ARGS_MAX = APPS_MAX * APP_LINES_MAX + 4095;
 constexpr int FILE_PIECES_MAX = 4 * FILE_ARGS_MAX;   // blank and comment lines included
+// Below this a session file would rotate at nearly every read.
+constexpr long long SESSION_MAX_BYTES_MIN = 4096;
 constexpr int FILE_DEPTH_MAX = 32;         // option files open inside one another
 // Option files read in one start: a file that names another many times over,
 // through several levels, would otherwise multiply the reading without end.
@@ -62,6 +64,8 @@ enum opt_val : int {
     OPT_REALTIME_CPU,
     OPT_LISTEN,
     OPT_ALLOW,
+    OPT_SESSIONS_KEEP,
+    OPT_SESSION_MAX_BYTES,
 };
 
 #define TYPE_OPT(name) {name, required_argument, nullptr, OPT_TYPE}
@@ -135,6 +139,8 @@ const struct option long_opts[] = {
     {"realtime-cpu", required_argument, nullptr, OPT_REALTIME_CPU},
     {"listen", required_argument, nullptr, OPT_LISTEN},
     {"allow", required_argument, nullptr, OPT_ALLOW},
+    {"sessions-keep", required_argument, nullptr, OPT_SESSIONS_KEEP},
+    {"session-max-bytes", required_argument, nullptr, OPT_SESSION_MAX_BYTES},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -267,6 +273,11 @@ bool apply_option(instance* inst, int val, int pos, const char* value)
     case OPT_REALTIME_CPU: inst->realtime_cpu = to_int(value); return true;
     case OPT_LISTEN: return set_listen(inst, value);
     case OPT_ALLOW: return set_allow(inst, value);
+    // Instance options like the secret: set once, not reset by a later pass.
+    case OPT_SESSIONS_KEEP: inst->sessions_keep = std::max(to_int(value), 1); return true;
+    case OPT_SESSION_MAX_BYTES:
+        inst->session_max_bytes = std::max(strtoll(value, nullptr, 10), SESSION_MAX_BYTES_MIN);
+        return true;
     default: break;
     }
     // The rest fill in the application added last.

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <ctime>
 #include <string>
 
+#include "app_life.h"
 #include "child_registry.h"
 #include "ctl.h"
 #include "instance.h"
@@ -214,9 +216,10 @@ int run_phase_take_termination(instance* inst, int sig)
         app* record = inst->apps[i];
         if (!record || record->pid == 0 || record->t_term != 0) continue;
         log_printf(LOG_ERROR, "%s: killing child pid=%d", "sighandler", record->pid);
-        record->t_term = time(nullptr);
-        kill(record->pid, SIGINT);
+        app_life_request_stop(*record);
     }
+    // Shutdown is for the supervision thread to see now, not at its next timeout.
+    watchdog_respawner_wake(inst);
     return count;
 }
 
@@ -243,6 +246,9 @@ void sigchld_reaper(int sig)
 
 int run_phase(instance* inst)
 {
+    // Descendants that leave their application's group are reaped by us, not
+    // by init, and show up in our SIGCHLD reaping.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
     install_dispositions();
     start_signal_thread(inst);
     run_phase_inherit_envs(inst);

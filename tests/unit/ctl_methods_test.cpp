@@ -151,7 +151,7 @@ TEST_F(Ctl, SetFieldRows)
         {"f_respawn", 0, -1, "abc", "{ret:0} 5 a0:1 a1:0 a2:0 a3:0", ""},
         {"t_run", 0, -1, "", "{ret:0} 4 a0:0run a1:0 a2:0 a3:0", "! ctl_method_SetField: marking to start"},
         {"T_RUN", 1, -1, "", "{ret:0} 4 a0:0 a1:0 a2:0 a3:0", "! ctl_method_SetField: already running"},
-        {"t_term", 1, -1, "", "{ret:0} 4 a0:0 a1:1term a2:0 a3:0 kill(4321,2)", ""},
+        {"t_term", 1, -1, "", "{ret:0} 4 a0:0 a1:1term a2:0 a3:0 kill(-4321,2)", ""},
         {"t_term", 0, -1, "", "{ret:0} 4 a0:1 a1:0 a2:0 a3:0", "! ctl_method_SetField: not running"},
         {"t_up", 3, -1, "", "{ret:0} 5 a0:0 a1:0 a3:0 a2:0", ""},
         {"T_DOWN", -1, 0, "", "{ret:0} 5 a1:0 a0:0 a2:0 a3:0", ""},
