@@ -72,6 +72,22 @@ def pid_listening_on(port):
     return None
 
 
+def cpu_seconds(pid):
+    fields = read("/proc/%d/stat" % pid).rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def launch(test, lines, scripts=None, fake_system=False, **start_kw):
+    # A started supervisor whose port answers; lines may be a function of the Watchdog.
+    wd = Watchdog(test)
+    for name, body in (scripts or {}).items():
+        wd.add_script(name, body)
+    wd.write_conf(lines(wd) if callable(lines) else list(lines))
+    wd.start(env=wd.fake_system_env() if fake_system else None, **start_kw)
+    wd.wait_port()
+    return wd
+
+
 def entries(rpc):
     return rpc.VantrelWatchdog.GetStatus()["list"]
 
