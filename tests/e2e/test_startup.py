@@ -34,7 +34,7 @@ class Startup(unittest.TestCase):
                 r = subprocess.run([BIN] + args, cwd=wd.bin_dir, capture_output=True, text=True, timeout=20)
                 self.assertEqual((r.returncode, r.stdout), (code, ""))
                 self.assertIn(text, r.stderr.splitlines())
-                self.assertIn("Usage:", r.stderr.splitlines())
+                self.assertEqual("Usage:" in r.stderr.splitlines(), code == 255)
                 self.assertEqual(os.listdir(wd.bin_dir), [], "no log may be started")
 
     def test_foreground_run_rotates_the_old_log_and_ends_with_bye(self):
@@ -129,7 +129,7 @@ class Startup(unittest.TestCase):
         wd.write_conf([])
         wd.start(env=dict(os.environ, NOTIFY_SOCKET=wd.path("notify.sock"), WATCHDOG_USEC="400000"))
         texts = receive(3.0)
-        self.assertEqual([t for t in texts if "READY=1" in t], ["READY=1(answered)"], texts)
+        self.assertEqual([t.endswith("(answered)") for t in texts if "READY=1" in t], [True], texts)
         # Half of 400 ms: about 15 in three seconds; a loaded machine may send fewer.
         self.assertTrue(5 <= texts.count("WATCHDOG=1") <= 20, texts)
         wd.send()

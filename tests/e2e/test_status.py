@@ -1,34 +1,53 @@
-# GetStatus, GetElements, GetApps and GetAuth without a secret on a running
-# binary with several applications: listings, run times, element ports.
+# The control methods on a running binary: GetStatus, GetElements, GetApps
+# and GetAuth over several applications (listings, run times, element ports);
+# GetStdXXXBuf paging through more than a ring's worth of output, stderr apart
+# from stdout, offsets across a crash and restart of the child; GetAuth's secret.
 
 import os
 import time
 import unittest
+import xmlrpc.client
 
-from watchdog_harness import BIN, SLEEPER, STUBBORN, Watchdog, entries, set_field, wait_until
+from watchdog_harness import BIN, SLEEPER, STUBBORN, entries, launch, set_field, wait_until
+
+RING, CHUNK, LINES = 32768, 1024, 5000   # 9 bytes a line: more than the ring holds
+FIRST_RUN = b"".join(b"L%07d\n" % i for i in range(LINES))
+SECOND_RUN = b"second run\n" * 10
+# The first run writes LINES numbered lines and one stderr line, then ends once
+# "$2.go" appears; the respawned second run writes SECOND_RUN. Bounded.
+CHATTY = """\
+n=$(cat "$2.runs" 2>/dev/null || echo 0); n=$((n+1)); echo $n > "$2.runs"
+if [ $n -eq 1 ]; then
+    i=0; while [ $i -lt 5000 ]; do printf 'L%07d\\n' $i; i=$((i+1)); done
+    printf 'err-line\\n' >&2
+    j=0; while [ ! -e "$2.go" ] && [ $j -lt 300 ]; do sleep 0.1; j=$((j+1)); done
+    exit 0
+fi
+k=0; while [ $k -lt 10 ]; do printf 'second run\\n'; k=$((k+1)); done
+""" + SLEEPER
+
+
+class I8(int):   # an offset sent as <i8>, which the plain client never produces
+    pass
+
+
+xmlrpc.client.Marshaller.dispatch[I8] = lambda _, value, write: write("<value><i8>%d</i8></value>" % int(value))
+
 
 ALIASES = ["Mix plain", "Mix raw", "Flash", "SDI out", "NDI in", "JPEG", "Idle matrix", "Stubborn DVE"]
 
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
-class Listings(unittest.TestCase):
+class ControlMethods(unittest.TestCase):
     def test_listings_of_a_populated_instance(self):
-        wd = Watchdog(self)
-        for name in ("Mixer", "Flash", "IODecklinkOutput", "IONDIInput", "IOJPEGOutput"):
-            wd.add_script("VantrelElements" + name, SLEEPER)
-        wd.add_script("VantrelElementsDVE", STUBBORN)
-
-        def app(type_name, alias, *extra):
-            return ["--%s=/cfg/%s" % (type_name, alias), "--alias=" + alias, "--bin-path=" + wd.bin_dir,
-                    "--env=PATH=/usr/bin:/bin", "--autorun=1"] + list(extra)
-        wd.write_conf(["--instance-name=Studio A"] + app("elem_mixer", "Mix plain", "--thumb=mix.png")
-                      + app("elem_mixer", "Mix raw", "--raw=--port=0", "--raw=--port=4711")
-                      + app("elem_flash", "Flash", "--raw=--port=5000", "--raw=--xmlrpc-port=6100")
-                      + app("elem_io_decklink_out", "SDI out", "--raw=--port=7000") + app("elem_io_ndi_in", "NDI in")
-                      + app("elem_io_jpeg_out", "JPEG") + ["--elem_matrix=/cfg/idle", "--alias=Idle matrix"]
-                      + app("elem_dve", "Stubborn DVE"))
-        wd.start()
-        wd.wait_port()
+        scripts = {"VantrelElements" + n: SLEEPER for n in ("Mixer", "Flash", "IODecklinkOutput", "IONDIInput", "IOJPEGOutput")}
+        app = lambda wd, t, alias, *more: wd.app_lines(t, alias, "--alias=" + alias, "--autorun=1", *more)
+        wd = launch(self, lambda wd: ["--instance-name=Studio A"] + app(wd, "elem_mixer", "Mix plain", "--thumb=mix.png")
+                    + app(wd, "elem_mixer", "Mix raw", "--raw=--port=0", "--raw=--port=4711")
+                    + app(wd, "elem_flash", "Flash", "--raw=--port=5000", "--raw=--xmlrpc-port=6100")
+                    + app(wd, "elem_io_decklink_out", "SDI out", "--raw=--port=7000") + app(wd, "elem_io_ndi_in", "NDI in")
+                    + app(wd, "elem_io_jpeg_out", "JPEG") + ["--elem_matrix=/cfg/idle", "--alias=Idle matrix"]
+                    + app(wd, "elem_dve", "Stubborn DVE"), dict(scripts, VantrelElementsDVE=STUBBORN))
         rpc = wd.rpc(self)
         self.assertTrue(wait_until(lambda: sum(1 for e in entries(rpc) if e["pid"]) == 7, 20), wd.log())
 
@@ -72,6 +91,57 @@ class Listings(unittest.TestCase):
             self.assertEqual(set_field(rpc, 7, "t_term"), 0)
             self.assertTrue(wait_until(lambda: entries(rpc)[7]["terminated"] >= 2, 10), entries(rpc)[7])
             self.assertEqual(entries(rpc)[7]["pid"], first[7]["pid"], "it ignores SIGINT")
+
+    def buf(self, off, file_no=1):
+        return self.rpc.VantrelWatchdog.GetStdXXXBuf(-1, self.ptr, off, file_no)
+
+    def page_from(self, off):
+        # Follows the stream from off to its current end; (bytes, last reply).
+        data = b""
+        for _ in range(200):
+            reply = self.buf(I8(off))
+            self.assertLessEqual(len(reply["buf"].data), CHUNK)
+            data, off = data + reply["buf"].data, reply["off"]
+            if off == reply["tail"]:
+                return data, reply
+        self.fail("stream did not end within 200 pages")
+
+    def test_paging_across_a_full_ring_and_a_crash_restart_then_auth(self):
+        self.wd = launch(self, lambda wd: ["--web-auth-secret=Open Sesame"] + wd.app_lines("lib", "lib", "--autorun=1")
+                         + wd.app_lines("elem_mixer", "mix", "--respawn=1"),
+                         {"VantrelLib": SLEEPER, "VantrelElementsMixer": CHATTY})
+        self.rpc = self.wd.rpc(self)
+        self.ptr = entries(self.rpc)[1]["ptr"]
+        total = len(FIRST_RUN)
+        self.assertTrue(wait_until(lambda: self.buf(I8(0))["tail"] == total, 20), "tail never reached %d" % total)
+        first = self.buf(I8(0))   # offset 0 has fallen out of the ring: the reply starts at head
+        head = first["head"]
+        self.assertEqual(head, total - RING)
+        # "ret" is the slot index, though the request addressed the handle.
+        self.assertEqual((first["ret"], first["ptr"], first["off"]), (1, self.ptr, head + CHUNK))
+        data, last = self.page_from(0)
+        self.assertEqual((data, last["off"]), (FIRST_RUN[head:], total))
+        self.assertEqual(self.buf(str(head + 5000)), self.buf(I8(head + 5000)), "decimal text as i8")
+        self.assertEqual(self.buf(" %d" % (total - 100))["buf"].data, FIRST_RUN[-100:])
+        err = self.buf(I8(0), file_no=2)
+        self.assertEqual((err["head"], err["tail"], err["buf"].data), (0, 9, b"err-line\n"))
+
+        pid = entries(self.rpc)[1]["pid"]
+        open(self.wd.path("mix.go"), "w").close()   # the child ends and is respawned
+        grown = total + len(SECOND_RUN)
+        self.assertTrue(wait_until(lambda: self.buf(I8(0))["tail"] == grown, 20), "second run never arrived")
+        self.assertNotIn(entries(self.rpc)[1]["pid"], (0, pid))
+        data, last = self.page_from(total)
+        self.assertEqual((data, last["head"]), (SECOND_RUN, grown - RING))
+
+        # With a secret, only the exact secret or the session token is accepted.
+        auth = self.rpc.VantrelWatchdog.GetAuth
+        token = auth("Open Sesame", "")["session"]
+        self.assertTrue(token.startswith("VantrelWatchdog "), token)
+        for secret, session in (("open Sesame", ""), ("", ""), ("Open Sesame ", ""), ("wrong", token + "x")):
+            self.assertEqual(auth(secret, session), {"ret": 0, "session": ""}, (secret, session))
+        self.assertEqual(auth("wrong", token), {"ret": 1, "session": token})
+
 
 
 if __name__ == "__main__":
