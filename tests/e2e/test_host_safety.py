@@ -1,12 +1,10 @@
 # What the supervisor leaves on the host and how it copes with it: descriptors
 # in its children, per-child option files, the largest configuration, a full
-# disk, an unwritable log, and children that flood or close their output.
+# disk, and a child that closes its output.
 
 import os
-import pwd
 import shutil
 import subprocess
-import time
 import unittest
 
 from watchdog_harness import (BIN, SLEEPER, Watchdog, cpu_seconds, entries, launch, pid_alive, pid_listening_on, read,
@@ -23,14 +21,7 @@ with open(sys.argv[-2] + ".rec", "w") as out:
 time.sleep(1 if "once" in sys.argv[-2] else 600)
 ' "$@"
 """
-FLOOD = 'exec yes "flood flood flood flood flood flood flood flood flood flood flood"\n'
 CLOSER = "exec 1>&- 2>&-\n" + SLEEPER   # lives on, bounded, without output streams
-
-
-def seconds(call):
-    t0 = time.monotonic()
-    call()
-    return time.monotonic() - t0
 
 
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
@@ -119,50 +110,17 @@ class HostSafety(unittest.TestCase):
         self.assertEqual(wd.log().count("failed to write"), 1, wd.log())
         self.assertIn("--autorun=1\n", read(inside + "w.conf"))
 
-    def test_unwritable_log_is_echoed_to_stderr(self):
-        wd = Watchdog(self)
-        os.mkdir(wd.path("logs"))   # the log creates missing directories, so it gets one it may not write
-        wd.log_path = wd.path("logs", "wd.log")
-        wd.write_conf(wd.app_lines("elem_mixer", "mixer"))
-        popen_kw = {}
-        if os.geteuid() == 0:   # directory modes do not stop root
-            nobody = pwd.getpwnam("nobody")
-            popen_kw = {"user": nobody.pw_uid, "group": nobody.pw_gid, "extra_groups": []}
-            for root, _, files in os.walk(wd.dir):
-                for p in [root] + [os.path.join(root, n) for n in files]:
-                    os.chown(p, nobody.pw_uid, nobody.pw_gid)
-        os.chmod(wd.path("logs"), 0o555)
-        with open(wd.path("stderr.txt"), "w") as err:
-            wd.start(stderr=err, **popen_kw)
-        wd.wait_port()
-        self.assertEqual(wd.stop(), 0)
-        self.assertEqual(os.listdir(wd.path("logs")), [])
-        wd.log_path = wd.path("stderr.txt")
-        msgs = wd.messages()
-        self.assertEqual((msgs[0][:16], msgs[-1]), ("VantrelWatchdog ", "Bye!"), wd.log())
-        self.assertIn("Will care about 1 apps", msgs)
-
-    def test_flooding_and_closing_children_cost_little_and_stay_supervised(self):
-        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "flood") + wd.app_lines("elem_matrix", "closer"),
-                    {"VantrelElementsMixer": FLOOD, "VantrelElementsMatrix": CLOSER})
+    def test_child_that_closes_its_output_costs_little_and_stays_supervised(self):
+        wd = launch(self, lambda wd: wd.app_lines("elem_matrix", "closer"), {"VantrelElementsMatrix": CLOSER})
         rpc = wd.rpc(self)
-        self.assertEqual(set_field(rpc, 1, "t_run"), 0)
-        pid = wait_until(lambda: entries(rpc)[1]["pid"], 10)
+        self.assertEqual(set_field(rpc, 0, "t_run"), 0)
+        pid = wait_until(lambda: entries(rpc)[0]["pid"], 10)
         # Closed pipes read as end of file at every pass: next to no CPU, and not the child's end.
         cpu0 = cpu_seconds(wd.proc.pid)
-        self.assertFalse(wait_until(lambda: not pid_alive(pid) or entries(rpc)[1]["pid"] != pid, 2.0))
-        self.assertLess(cpu_seconds(wd.proc.pid) - cpu0, 0.5, "supervisor busy while the closer is quiet")
-
-        self.assertEqual(set_field(rpc, 0, "t_run"), 0)
-        read_ring = lambda: rpc.VantrelWatchdog.GetStdXXXBuf(0, "", "0", 1)
-        self.assertTrue(wait_until(lambda: read_ring()["head"] > 100000, 20), "the ring wraps")
-        self.assertLess(max(seconds(c) for c in [rpc.VantrelWatchdog.GetStatus, read_ring] * 100), 2.0, "requests stall")
-        ring = read_ring()
-        self.assertEqual(ring["tail"] - ring["head"], 32768, "the ring stays full, never larger")
-        for idx in (0, 1):
-            self.assertEqual(set_field(rpc, idx, "t_term"), 0)
-            self.assertTrue(wait_until(lambda: entries(rpc)[idx]["pid"] == 0, 20), "both still stop")
-        self.assertTrue(wait_until(lambda: not pid_alive(pid), 10), "the closer was reaped")
+        self.assertFalse(wait_until(lambda: not pid_alive(pid) or entries(rpc)[0]["pid"] != pid, 2.0))
+        self.assertLess(cpu_seconds(wd.proc.pid) - cpu0, 0.5, "supervisor busy while the child is quiet")
+        self.assertEqual(set_field(rpc, 0, "t_term"), 0)
+        self.assertTrue(wait_until(lambda: entries(rpc)[0]["pid"] == 0 and not pid_alive(pid), 20), "stopped and reaped")
         self.assertEqual(wd.stop(), 0)
 
 

@@ -6,7 +6,7 @@ import os
 import re
 import unittest
 
-from watchdog_harness import BIN, LINE_RE, Watchdog, entries, pid_alive, read, set_field, wait_until
+from watchdog_harness import BIN, LINE_RE, entries, launch, pid_alive, read, set_field, wait_until
 
 # Notes SIGINT and ends a second later, so a second terminate arrives while it
 # still runs; "READY" once the trap is set. Bounded to 60 s.
@@ -21,10 +21,8 @@ while [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done
 @unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class ApplicationLife(unittest.TestCase):
     def setUp(self):
-        self.wd = Watchdog(self)
-        self.wd.write_conf(["--lib=/cfg/a", "--alias=A", "--sched=/cfg/b", "--alias=B", "--io=/cfg/c", "--alias=C"])
-        self.wd.start(env=self.wd.fake_system_env())
-        self.wd.wait_port()
+        self.wd = launch(self, ["--lib=/cfg/a", "--alias=A", "--sched=/cfg/b", "--alias=B", "--io=/cfg/c", "--alias=C"],
+                         fake_system=True)
         self.rpc = self.wd.rpc(self)
         self.addCleanup(lambda: self.assertFalse(os.path.exists(self.wd.path("system.txt")), "machine command"))
 

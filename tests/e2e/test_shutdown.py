@@ -7,7 +7,7 @@ import signal
 import time
 import unittest
 
-from watchdog_harness import BIN, STUBBORN, Watchdog, pid_alive, read, wait_until
+from watchdog_harness import BIN, STUBBORN, Watchdog, launch, pid_alive, read, wait_until
 
 # Notes SIGINT in "$2.int", then lingers 2 s before leaving (bounded).
 LINGERING = ('trap \'echo int >> "$2.int"; sleep 2; exit 0\' INT\necho started > "$2.started"\n'
@@ -34,13 +34,8 @@ class Shutdown(unittest.TestCase):
                 self.assertEqual(msgs[-1], "Bye!")
 
     def test_children_get_sigint_once_and_a_stubborn_one_sigkill_after_15_s(self):
-        wd = Watchdog(self)
-        wd.add_script("VantrelElementsMixer", LINGERING)
-        wd.add_script("VantrelElementsDVE", STUBBORN)
-        wd.write_conf(wd.app_lines("elem_mixer", "mixer", "--autorun=1") +
-                      wd.app_lines("elem_dve", "dve", "--autorun=1"))
-        wd.start()
-        wd.wait_port()
+        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "mixer", "--autorun=1") + wd.app_lines("elem_dve", "dve", "--autorun=1"),
+                    {"VantrelElementsMixer": LINGERING, "VantrelElementsDVE": STUBBORN})
         ready = lambda: os.path.exists(wd.path("mixer.started")) and os.path.exists(wd.path("bin", "VantrelElementsDVE.ready"))
         self.assertTrue(wait_until(ready, 20), wd.log())
         wd.wait_log(r"forker's pid=[1-9]", count=2)

@@ -9,7 +9,7 @@ import subprocess
 import time
 import unittest
 
-from watchdog_harness import BIN, CTL, STUBBORN, Watchdog, entries, free_port, read, set_field, wait_until
+from watchdog_harness import BIN, CTL, STUBBORN, launch, entries, free_port, read, set_field, wait_until
 
 TICKER = "i=0\nwhile [ $i -lt 600 ]; do echo tick $i; sleep 0.1; i=$((i+1)); done\n"
 # Says who it is, then writes 200 KB at once whenever "$0.burst" appears.
@@ -20,14 +20,11 @@ TALKER = ("echo begin $$\ni=0\nwhile [ $i -lt 600 ]; do\n  if [ -e \"$0.burst\" 
 @unittest.skipUnless(BIN and CTL, "WATCHDOG_BIN or VANTRELCTL_BIN not set")
 class Vantrelctl(unittest.TestCase):
     def setUp(self):
-        self.wd = Watchdog(self)
-        for name, body in (("Mixer", TICKER), ("DVE", STUBBORN), ("Matrix", TALKER)):
-            self.wd.add_script("VantrelElements" + name, body)
-        app = lambda t, alias, *more: self.wd.app_lines(t, alias.replace(" ", "_"), "--alias=" + alias, *more)
-        self.wd.write_conf(app("elem_mixer", "Mix A", "--autorun=1") + app("elem_mixer", "Mix B")
-                           + app("elem_matrix", "Mix A") + app("elem_dve", "Stubborn"))
-        self.wd.start(env=self.wd.fake_system_env())   # machine commands are only recorded
-        self.wd.wait_port()
+        app = lambda wd, t, alias, *more: wd.app_lines(t, alias.replace(" ", "_"), "--alias=" + alias, *more)
+        self.wd = launch(self, lambda wd: app(wd, "elem_mixer", "Mix A", "--autorun=1") + app(wd, "elem_mixer", "Mix B")
+                         + app(wd, "elem_matrix", "Mix A") + app(wd, "elem_dve", "Stubborn"),
+                         {"VantrelElementsMixer": TICKER, "VantrelElementsDVE": STUBBORN, "VantrelElementsMatrix": TALKER},
+                         fake_system=True)   # machine commands are only recorded
         self.rpc = self.wd.rpc(self)
         self.assertTrue(wait_until(lambda: entries(self.rpc)[0]["pid"], 20), self.wd.log())
 
@@ -57,24 +54,18 @@ class Vantrelctl(unittest.TestCase):
         self.assertEqual([re.split(r"\s{2,}", l)[4] for l in table[1:]], ["running", "stopped", "stopped"])
 
         handle = self.slot("Mix B")["ptr"]
-        for token, alias in (("1", "Mix B"), ("@0x" + handle.upper(), "Mix B"), ("Stub*", "Stubborn"), ("elem_dve", "Stubborn")):
-            with self.subTest(token=token):
-                self.assertEqual(self.ctl_json("show", token)[1][0]["item"]["alias"], alias)
-        for token, message in (("Mix A", r"'Mix A' is ambiguous; candidates:\n  0 @\w+ Mix A \(elem_mixer\)\n"),
-                               ("nope", "no application 'nope'"), ("@ffffff", "no application with handle @ffffff")):
-            with self.subTest(token=token):
-                done = self.ctl("respawn", token, "on")
-                self.assertEqual(done.returncode, 1)
-                self.assertRegex(done.stderr, message)
-        self.assertEqual([e["f_respawn"] for e in entries(self.rpc)], [1, 0, 0, 0])
+        for token, alias in (("@0x" + handle.upper(), "Mix B"), ("Stub*", "Stubborn"), ("elem_dve", "Stubborn")):
+            self.assertEqual(self.ctl_json("show", token)[1][0]["item"]["alias"], alias, token)
+        done = self.ctl("respawn", "Mix A", "on")   # resolution is unit-tested; here: it changes nothing
+        self.assertRegex(done.stderr, r"'Mix A' is ambiguous; candidates:\n  0 @\w+ Mix A \(elem_mixer\)\n")
+        self.assertEqual((done.returncode, [e["f_respawn"] for e in entries(self.rpc)]), (1, [1, 0, 0, 0]))
 
         set_field(self.rpc, 2, "t_up")   # another operator moves the matrix above Mix B
         self.assertEqual(self.ctl("autorun", "@" + handle, "on").returncode, 0)
         self.assertEqual([(e["alias"], e["f_autorun"]) for e in entries(self.rpc)][1:3], [("Mix A", 0), ("Mix B", 1)])
         set_field(self.rpc, -1, "t_del", ptr=handle)
         done = self.ctl("show", "@" + handle)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("no application with handle @" + handle, done.stderr)
+        self.assertTrue(done.returncode == 1 and "no application with handle @" + handle in done.stderr, done.stderr)
 
         # Respawn on, executable missing: it should run and cannot.
         self.rpc.VantrelWatchdog.SetItem(-1, "", "elem_dve", "Broken", "", "", self.wd.path("none"), "", [], [])
@@ -149,10 +140,7 @@ class Vantrelctl(unittest.TestCase):
         self.assertEqual((done.returncode, self.slot("Stubborn")["pid"]), (0, 0))
 
     def test_fleet_with_a_stopped_member_machine_commands_and_help(self):
-        other = Watchdog(self)
-        other.write_conf(["--instance-name=Second"])
-        other.start()
-        other.wait_port()
+        other = launch(self, ["--instance-name=Second"])
         hosts_file = self.wd.path("hosts")
         with open(hosts_file, "w") as f:
             f.write("# studio\n127.0.0.1:%d\n\nhttp://127.0.0.1:%d/RPC2\n" % (other.port, free_port()))

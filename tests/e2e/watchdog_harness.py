@@ -29,14 +29,6 @@ def free_port():
         return s.getsockname()[1]
 
 
-def port_open(port):
-    try:
-        socket.create_connection((HOST, port), timeout=0.2).close()
-        return True
-    except OSError:
-        return False
-
-
 def wait_until(predicate, timeout=10.0):
     # Polls predicate() until it is truthy or the deadline passes; its last value.
     deadline = time.monotonic() + timeout
@@ -133,13 +125,18 @@ class Watchdog:
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=stderr, **popen_kw)
 
     def wait_port(self, timeout=20.0):
-        if not wait_until(lambda: port_open(self.port) or self.proc.poll() is not None, timeout) \
-                or not port_open(self.port):
-            raise AssertionError("control port %d did not open; log:\n%s" % (self.port, self.log()))
+        def answered():
+            try:
+                return entries(self.rpc()) is not None
+            except ConnectionRefusedError:
+                return "exited" if self.proc.poll() is not None else False
+            except OSError:   # reached, then dropped: a peer this port refuses
+                return True
+        if wait_until(answered, timeout) is not True:
+            raise AssertionError("control port %d did not answer; log:\n%s" % (self.port, self.log()))
 
     def send(self, sig=signal.SIGTERM):
-        if self.proc.poll() is None:
-            self.proc.send_signal(sig)
+        self.proc.send_signal(sig)
 
     def wait_exit(self, timeout=30.0):
         try:
