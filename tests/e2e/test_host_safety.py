@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import unittest
 
-from watchdog_harness import (BIN, SLEEPER, Watchdog, cpu_seconds, entries, launch, pid_alive, pid_listening_on, read,
+from watchdog_harness import (BIN, SLEEPER, Watchdog, cpu_seconds, entries, launch, pid_alive, pid_listening_on, read, write,
                               set_field, wait_until)
 
 # Records its open descriptors and its option file (path, modes, lines) in "$2.rec".
@@ -24,7 +24,6 @@ time.sleep(1 if "once" in sys.argv[-2] else 600)
 CLOSER = "exec 1>&- 2>&-\n" + SLEEPER   # lives on, bounded, without output streams
 
 
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class HostSafety(unittest.TestCase):
     def record(self, wd, name):
         path = wd.path(name + ".rec")
@@ -43,14 +42,12 @@ class HostSafety(unittest.TestCase):
         wd.proc.kill()
         wd.wait_exit(10)
         wd.start()
-        wd.wait_port()
         self.assertEqual(pid_listening_on(wd.port), wd.proc.pid, "the orphan holds no port")
 
     def test_per_child_file_is_private_ignores_planted_links_and_goes_with_its_child(self):
         wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "once", "--alias=m1", "--raw=--matrix=/m"),
                     {"VantrelElementsMixer": RECORDER})
-        with open(wd.path("victim"), "w") as f:
-            f.write("root only\n")
+        write(wd.path("victim"), "root only\n")
         planted = ["/tmp/watchdog-%d-%03d.conf" % (wd.proc.pid, n) for n in range(3)]
         for link in planted:
             os.symlink(wd.path("victim"), link)
@@ -72,11 +69,9 @@ class HostSafety(unittest.TestCase):
             lines += ["", "--elem_mixer=" + (long_value if a == 0 else "/cfg/%d" % a), "--alias=a%d" % a,
                       "--bin-path=" + wd.bin_dir] + ["--env=E%d=%d" % (e, a) for e in range(64)]
             lines += ["--raw=" + (long_value if a == 1023 and r == 127 else "--r%d=%d" % (r, a)) for r in range(128)]
-        with open(wd.conf_path, "w") as f:
-            f.write("\n".join(lines) + "\n")
+        write(wd.conf_path, "\n".join(lines) + "\n")
         for run in range(2):
             wd.start()
-            wd.wait_port(60)
             self.assertEqual(set_field(wd.rpc(self), 0, "f_autorun", "0"), 0)
             wd.wait_log(r"updating config file", 1, 60)
             self.assertEqual(wd.stop(), 0)
@@ -122,7 +117,3 @@ class HostSafety(unittest.TestCase):
         self.assertEqual(set_field(rpc, 0, "t_term"), 0)
         self.assertTrue(wait_until(lambda: entries(rpc)[0]["pid"] == 0 and not pid_alive(pid), 20), "stopped and reaped")
         self.assertEqual(wd.stop(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,19 +6,13 @@ import os
 import re
 import unittest
 
-from watchdog_harness import BIN, LINE_RE, entries, launch, pid_alive, read, set_field, wait_until
+from watchdog_harness import LINE_RE, SLEEPER, entries, launch, pid_alive, read, set_field, wait_until
 
 # Notes SIGINT and ends a second later, so a second terminate arrives while it
-# still runs; "READY" once the trap is set. Bounded to 60 s.
-SIGNAL_NOTING_CHILD = """\
-trap 'echo INT >> "{notes}"; sleep 1; exit 0' INT
-echo READY >> "{notes}.ready"
-i=0
-while [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done
-"""
+# still runs; "$0.ready" once the trap is set.
+SIGNAL_NOTING_CHILD = 'trap \'echo INT >> "$0.int"; sleep 1; exit 0\' INT\ntouch "$0.ready"\n' + SLEEPER
 
 
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class ApplicationLife(unittest.TestCase):
     def setUp(self):
         self.wd = launch(self, ["--lib=/cfg/a", "--alias=A", "--sched=/cfg/b", "--alias=B", "--io=/cfg/c", "--alias=C"],
@@ -37,12 +31,12 @@ class ApplicationLife(unittest.TestCase):
         return pid
 
     def test_run_terminate_delete_clone_move_and_restart(self):
-        notes = self.wd.path("signals.txt")
-        self.wd.add_script("VantrelElementsMixer", SIGNAL_NOTING_CHILD.format(notes=notes))
+        notes = self.wd.path("bin", "VantrelElementsMixer.int")
+        self.wd.add_script("VantrelElementsMixer", SIGNAL_NOTING_CHILD)
         idx = self.add("elem_mixer", "Child", self.wd.bin_dir)
         self.assertEqual(set_field(self.rpc, idx, "t_run"), 0)
         pid = self.pid(idx)
-        self.assertTrue(wait_until(lambda: os.path.exists(notes + ".ready"), 10))
+        self.assertTrue(wait_until(lambda: os.path.exists(self.wd.path("bin", "VantrelElementsMixer.ready")), 10))
         self.assertEqual(set_field(self.rpc, idx, "t_run"), 0)
         self.wd.wait_log(r"ctl_method_SetField: already running")
         amend = self.rpc.VantrelWatchdog.GetStatus()["amend"]
@@ -51,8 +45,7 @@ class ApplicationLife(unittest.TestCase):
         self.assertEqual(self.rpc.VantrelWatchdog.GetStatus()["amend"], (amend + 1) & 0xFFFFFFFF)
 
         app_amend = entries(self.rpc)[idx]["amend"]
-        self.assertEqual(set_field(self.rpc, idx, "t_term"), 0)
-        self.assertEqual(set_field(self.rpc, idx, "T_TERM"), 0)
+        self.assertEqual([set_field(self.rpc, idx, "t_term"), set_field(self.rpc, idx, "T_TERM")], [0, 0])
         self.wd.wait_log(r"ctl_method_SetField: already terminating")
         self.assertGreaterEqual(entries(self.rpc)[idx]["amend"], app_amend + 2)
         self.pid(idx, running=False)
@@ -64,9 +57,7 @@ class ApplicationLife(unittest.TestCase):
         self.assertEqual([e["alias"] for e in entries(self.rpc)], ["A", "B", "C"])
 
         self.add("elem_mixer", "Mixer 1", "", "/cfg/mixer.xml", ["--xmlrpc-port=9101"], ["MIXER_MODE=2"])
-        self.assertEqual(set_field(self.rpc, 1, "t_clone"), 0)
-        self.assertEqual(set_field(self.rpc, 0, "f_respawn", "0"), 0)
-        self.assertEqual(set_field(self.rpc, 3, "t_up"), 0)
+        self.assertEqual([set_field(self.rpc, *a) for a in ((1, "t_clone"), (0, "f_respawn", "0"), (3, "t_up"))], [0] * 3)
         self.assertTrue(wait_until(lambda: "--alias=B(clone)" in read(self.wd.conf_path), 10), read(self.wd.conf_path))
         conf = read(self.wd.conf_path)
         self.assertEqual(re.findall(r"--alias=(.*)", conf), ["A", "B", "C", "B(clone)", "Mixer 1"])
@@ -75,7 +66,6 @@ class ApplicationLife(unittest.TestCase):
         items = [self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(5)]
         self.assertEqual(self.wd.stop(), 0)
         self.wd.start(env=self.wd.fake_system_env())
-        self.wd.wait_port()
         self.rpc = self.wd.rpc(self)
         self.assertEqual([self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(5)], items)
 
@@ -122,7 +112,3 @@ class ApplicationLife(unittest.TestCase):
                  proc + "fork done, pid=[%d]" % pid, run + "forker's pid=%d" % pid]
         self.assertEqual([order.index(s) for s in steps], sorted(order.index(s) for s in steps))
         self.assertEqual(order[-2:], ["watchdog_respawner_proc: exiting", "Bye!"])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,14 +7,13 @@ import signal
 import time
 import unittest
 
-from watchdog_harness import BIN, STUBBORN, Watchdog, launch, pid_alive, read, wait_until
+from watchdog_harness import STUBBORN, Watchdog, launch, pid_alive, read, wait_until
 
 # Notes SIGINT in "$2.int", then lingers 2 s before leaving (bounded).
 LINGERING = ('trap \'echo int >> "$2.int"; sleep 2; exit 0\' INT\necho started > "$2.started"\n'
              "i=0\nwhile [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n")
 
 
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class Shutdown(unittest.TestCase):
     def test_every_termination_signal_ends_with_bye(self):
         rows = [(signal.SIGINT, False), (signal.SIGHUP, False), (signal.SIGALRM, False), (signal.SIGTERM, True)]
@@ -23,10 +22,9 @@ class Shutdown(unittest.TestCase):
                 wd = Watchdog(self)
                 wd.write_conf([])
                 if early:   # blocked across exec: pending before the server exists
-                    wd.start(preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM}))
+                    wd.start(wait=False, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM}))
                 else:
                     wd.start()
-                    wd.wait_port()
                 self.assertEqual(wd.stop(sig), 0, wd.log())
                 msgs = wd.messages()
                 self.assertEqual([m for m in msgs if "catched" in m],
@@ -41,9 +39,9 @@ class Shutdown(unittest.TestCase):
         wd.wait_log(r"forker's pid=[1-9]", count=2)
         pids = wd.child_pids()
         begin = time.monotonic()
-        wd.send()
+        wd.proc.terminate()
         wd.wait_log(r"killing child pid=", count=2)
-        wd.send()   # a second signal only logs
+        wd.proc.terminate()   # a second signal only logs
         self.assertEqual(wd.wait_exit(60), 0)
         self.assertGreater(time.monotonic() - begin, 14.5, "SIGKILL came before 15 s")
         self.assertEqual(read(wd.path("mixer.int")), "int\n", "SIGINT once")
@@ -53,7 +51,3 @@ class Shutdown(unittest.TestCase):
         self.assertEqual(sorted(killed), sorted(pids))
         self.assertEqual(msgs[-1], "Bye!")
         self.assertFalse([p for p in pids if pid_alive(p)])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -9,7 +9,7 @@ import subprocess
 import time
 import unittest
 
-from watchdog_harness import BIN, CTL, STUBBORN, launch, entries, free_port, read, set_field, wait_until
+from watchdog_harness import CTL, STUBBORN, launch, entries, free_port, read, set_field, wait_until, write
 
 TICKER = "i=0\nwhile [ $i -lt 600 ]; do echo tick $i; sleep 0.1; i=$((i+1)); done\n"
 # Says who it is, then writes 200 KB at once whenever "$0.burst" appears.
@@ -17,7 +17,6 @@ TALKER = ("echo begin $$\ni=0\nwhile [ $i -lt 600 ]; do\n  if [ -e \"$0.burst\" 
           " head -c 200000 /dev/zero | tr '\\0' x; echo; echo after burst; fi\n  sleep 0.1; i=$((i+1))\ndone\n")
 
 
-@unittest.skipUnless(BIN and CTL, "WATCHDOG_BIN or VANTRELCTL_BIN not set")
 class Vantrelctl(unittest.TestCase):
     def setUp(self):
         app = lambda wd, t, alias, *more: wd.app_lines(t, alias.replace(" ", "_"), "--alias=" + alias, *more)
@@ -142,8 +141,7 @@ class Vantrelctl(unittest.TestCase):
     def test_fleet_with_a_stopped_member_machine_commands_and_help(self):
         other = launch(self, ["--instance-name=Second"])
         hosts_file = self.wd.path("hosts")
-        with open(hosts_file, "w") as f:
-            f.write("# studio\n127.0.0.1:%d\n\nhttp://127.0.0.1:%d/RPC2\n" % (other.port, free_port()))
+        write(hosts_file, "# studio\n127.0.0.1:%d\n\nhttp://127.0.0.1:%d/RPC2\n" % (other.port, free_port()))
         urls = ["127.0.0.1:%d" % self.wd.port]
         started = time.monotonic()
         rc, hosts = self.ctl_json("--hosts", hosts_file, "status", urls=urls)
@@ -165,7 +163,3 @@ class Vantrelctl(unittest.TestCase):
                     "autorun", "respawn", "show", "types", "elements", "auth", "reboot", "halt"):
             done = self.ctl(cmd, "--help")
             self.assertTrue(done.returncode == 0 and "Usage" in done.stdout, cmd)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -44,6 +44,11 @@ def read(path):
         return f.read()
 
 
+def write(path, text):
+    with open(path, "w") as f:
+        f.write(text)
+
+
 def pid_alive(pid):
     try:
         return read("/proc/%d/stat" % pid).rsplit(")", 1)[1].split()[0] != "Z"
@@ -51,10 +56,14 @@ def pid_alive(pid):
         return False
 
 
+def listening_sockets(port):
+    rows = [l.split() for l in read("/proc/net/tcp").splitlines()[1:]]
+    return {"socket:[%s]" % c[9] for c in rows if int(c[1].rsplit(":", 1)[1], 16) == port and c[3] == "0A"}
+
+
 def pid_listening_on(port):
     # Pid of the process holding the listening TCP socket on port, or None.
-    rows = [l.split() for l in read("/proc/net/tcp").splitlines()[1:]]
-    inodes = {"socket:[%s]" % c[9] for c in rows if int(c[1].rsplit(":", 1)[1], 16) == port and c[3] == "0A"}
+    inodes = listening_sockets(port)
     for pid in filter(str.isdigit, os.listdir("/proc") if inodes else []):
         try:
             if any(os.readlink("/proc/%s/fd/%s" % (pid, fd)) in inodes for fd in os.listdir("/proc/%s/fd" % pid)):
@@ -76,7 +85,6 @@ def launch(test, lines, scripts=None, fake_system=False, **start_kw):
         wd.add_script(name, body)
     wd.write_conf(lines(wd) if callable(lines) else list(lines))
     wd.start(env=wd.fake_system_env() if fake_system else None, **start_kw)
-    wd.wait_port()
     return wd
 
 
@@ -91,6 +99,7 @@ def set_field(rpc, idx, field, val="", ptr=""):
 class Watchdog:
     # One supervisor run in its own temp dir: files, process, log and cleanup.
     def __init__(self, test):
+        test.assertTrue(BIN and CTL, "WATCHDOG_BIN and VANTRELCTL_BIN name the binaries under test")
         self.dir = tempfile.mkdtemp(prefix="wd_e2e_")
         self.bin_dir = self.path("bin")
         os.mkdir(self.bin_dir)
@@ -112,31 +121,22 @@ class Watchdog:
         return dict(os.environ, VANTREL_WATCHDOG_FAKE_SYSTEM=self.path("system.txt"))
 
     def add_script(self, name, body):
-        with open(os.path.join(self.bin_dir, name), "w") as f:
-            f.write("#!/bin/sh\n" + body)
+        write(os.path.join(self.bin_dir, name), "#!/bin/sh\n" + body)
         os.chmod(os.path.join(self.bin_dir, name), 0o755)
 
     def write_conf(self, lines):
-        with open(self.conf_path, "w") as f:
-            f.write("".join(l + "\n" for l in ["--port=%d" % self.port, "--log-file-name=" + self.log_path] + lines))
+        write(self.conf_path, "".join(l + "\n" for l in ["--port=%d" % self.port, "--log-file-name=" + self.log_path] + lines))
 
-    def start(self, args=None, env=None, stderr=subprocess.DEVNULL, **popen_kw):
-        self.proc = subprocess.Popen([BIN] + (args or [self.conf_path]), cwd=self.dir, env=env,
-                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=stderr, **popen_kw)
+    def start(self, args=None, env=None, wait=True, **popen_kw):
+        self.proc = subprocess.Popen([BIN] + (args or [self.conf_path]), cwd=self.dir, env=env, stdin=subprocess.DEVNULL,
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **popen_kw)
+        if wait:
+            self.wait_port()
 
-    def wait_port(self, timeout=20.0):
-        def answered():
-            try:
-                return entries(self.rpc()) is not None
-            except ConnectionRefusedError:
-                return "exited" if self.proc.poll() is not None else False
-            except OSError:   # reached, then dropped: a peer this port refuses
-                return True
-        if wait_until(answered, timeout) is not True:
+    def wait_port(self, timeout=60.0):
+        wait_until(lambda: listening_sockets(self.port) or self.proc.poll() is not None, timeout)
+        if not listening_sockets(self.port):
             raise AssertionError("control port %d did not answer; log:\n%s" % (self.port, self.log()))
-
-    def send(self, sig=signal.SIGTERM):
-        self.proc.send_signal(sig)
 
     def wait_exit(self, timeout=30.0):
         try:
@@ -145,7 +145,7 @@ class Watchdog:
             return None
 
     def stop(self, sig=signal.SIGTERM, timeout=30.0):
-        self.send(sig)
+        self.proc.send_signal(sig)
         return self.wait_exit(timeout)
 
     def rpc(self, test=None):
