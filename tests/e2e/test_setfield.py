@@ -25,17 +25,12 @@ class ApplicationLife(unittest.TestCase):
         self.assertEqual(ret, {"ret": 0})
         return len(entries(self.rpc)) - 1
 
-    def pid(self, idx, running=True):
-        pid = wait_until(lambda: (entries(self.rpc)[idx]["pid"] != 0) == running and (entries(self.rpc)[idx]["pid"] or -1), 20)
-        self.assertTrue(pid, "pid of slot %d never became %s" % (idx, "set" if running else "0"))
-        return pid
-
     def test_run_terminate_delete_clone_move_and_restart(self):
         notes = self.wd.path("bin", "VantrelElementsMixer.int")
         self.wd.add_script("VantrelElementsMixer", SIGNAL_NOTING_CHILD)
         idx = self.add("elem_mixer", "Child", self.wd.bin_dir)
         self.assertEqual(set_field(self.rpc, idx, "t_run"), 0)
-        pid = self.pid(idx)
+        pid = wait_until(lambda: entries(self.rpc)[idx]["pid"], 20)
         self.assertTrue(wait_until(lambda: os.path.exists(self.wd.path("bin", "VantrelElementsMixer.ready")), 10))
         self.assertEqual(set_field(self.rpc, idx, "t_run"), 0)
         self.wd.wait_log(r"ctl_method_SetField: already running")
@@ -48,8 +43,7 @@ class ApplicationLife(unittest.TestCase):
         self.assertEqual([set_field(self.rpc, idx, "t_term"), set_field(self.rpc, idx, "T_TERM")], [0, 0])
         self.wd.wait_log(r"ctl_method_SetField: already terminating")
         self.assertGreaterEqual(entries(self.rpc)[idx]["amend"], app_amend + 2)
-        self.pid(idx, running=False)
-        self.assertTrue(wait_until(lambda: not pid_alive(pid), 10))
+        self.assertTrue(wait_until(lambda: entries(self.rpc)[idx]["pid"] == 0 and not pid_alive(pid), 20), "stopped, reaped")
         self.assertEqual(read(notes).split(), ["INT"], "one SIGINT for two requests")
         self.assertEqual(set_field(self.rpc, idx, "t_term"), 0)
         self.wd.wait_log(r"ctl_method_SetField: not running")

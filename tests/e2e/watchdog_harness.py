@@ -23,12 +23,6 @@ SLEEPER = "i=0\nwhile [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
 STUBBORN = "trap '' INT\ntouch \"$0.ready\"\n" + SLEEPER
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind((HOST, 0))
-        return s.getsockname()[1]
-
-
 def wait_until(predicate, timeout=10.0):
     # Polls predicate() until it is truthy or the deadline passes; its last value.
     deadline = time.monotonic() + timeout
@@ -103,7 +97,8 @@ class Watchdog:
         self.dir = tempfile.mkdtemp(prefix="wd_e2e_")
         self.bin_dir = self.path("bin")
         os.mkdir(self.bin_dir)
-        self.port = free_port()
+        with socket.socket() as s:   # a port nothing listens on now
+            self.port = s.bind((HOST, 0)) or s.getsockname()[1]
         self.log_path, self.conf_path = self.path("watchdog.log"), self.path("watchdog.conf")
         self.proc, self.extra_pids = None, []
         test.addCleanup(self.cleanup)
