@@ -84,7 +84,8 @@ class HostSafety(unittest.TestCase):
         wd = Watchdog(self)
         os.mkdir(wd.path("cfg"))
         wd.write_conf(["--lib=x"])
-        script = 'mount -t tmpfs -o size=64k tmpfs "$0" && cp "$1" "$0"/w.conf && : > "$0"/w.conf.writing && exec "$2" "$0"/w.conf'
+        script = ('mount -t tmpfs -o size=64k tmpfs "$0" && cp "$1" "$0"/w.conf && : > "$0"/w.conf.writing'
+                  ' && exec "$2" "$0"/w.conf 2>/dev/null')
         wd.proc = subprocess.Popen(unshare + ["sh", "-c", script, wd.path("cfg"), wd.conf_path, BIN], cwd=wd.dir)
         wd.wait_port()
         inside = "/proc/%d/root%s/" % (wd.proc.pid, wd.path("cfg"))

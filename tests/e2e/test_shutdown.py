@@ -25,7 +25,8 @@ class Shutdown(unittest.TestCase):
                              (["sighandler: [%d] catched %d" % (wd.proc.pid, sig)], "Bye!"), sig)
 
     def test_children_get_sigint_once_and_a_stubborn_one_sigkill_after_15_s(self):
-        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "mixer", "--autorun=1") + wd.app_lines("elem_dve", "dve", "--autorun=1"),
+        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "mixer", "--autorun=1") + wd.app_lines("elem_dve", "dve",
+                                                                                                     "--autorun=1"),
                     {"VantrelElementsMixer": LINGERING, "VantrelElementsDVE": STUBBORN})
         ready = lambda: os.path.exists(wd.path("mixer.started")) and os.path.exists(wd.path("bin", "VantrelElementsDVE.ready"))
         self.assertTrue(wait_until(ready, 20), wd.log())

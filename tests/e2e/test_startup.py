@@ -50,7 +50,6 @@ class Startup(unittest.TestCase):
         wd.add_script("VantrelElementsMixer", RECORDER["VantrelElementsMixer"])
         wd.write_conf(wd.app_lines("elem_mixer", "mixer", "--autorun=1"))
         with socket.socket() as busy:
-            busy.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             busy.bind((HOST, wd.port))
             busy.listen(1)
             wd.start(wait=False)
