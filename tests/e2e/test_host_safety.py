@@ -1,175 +1,115 @@
-"""What the supervisor leaves on the host: descriptors in its children, file
-modes, per-child option files, backups, and the option file through a full
-disk and the largest configuration."""
+# What the supervisor leaves on the host and how it copes with it: descriptors
+# in its children, per-child option files, the largest configuration, a full
+# disk, and a child that closes its output.
 
 import os
-import re
 import shutil
-import stat
 import subprocess
 import unittest
 
-from watchdog_harness import BIN, Watchdog, pid_listening_on, wait_until
+from watchdog_harness import (BIN, SLEEPER, Watchdog, cpu_seconds, entries, launch, pid_alive, pid_listening_on, read, write,
+                              set_field, wait_until)
 
-# Records the child's open descriptors and its option file (path, modes, lines).
+# Records its open descriptors and its option file (path, modes, lines) in "$2.rec".
 RECORDER = """exec python3 -c '
 import os, sys, time
 fds = [fd for fd in range(256) if os.path.exists("/proc/self/fd/%d" % fd)]
 conf = sys.argv[-1]
 modes = "%o %o" % (os.stat(conf).st_mode & 0o7777, os.stat(os.path.dirname(conf)).st_mode & 0o7777)
-with open(conf) as f:
-    lines = f.read()
 with open(sys.argv[-2] + ".rec", "w") as out:
-    out.write("%s\\n%s\\n%s\\n%s" % (" ".join(map(str, fds)), conf, modes, lines))
+    out.write("%s\\n%s\\n%s\\n%s" % (" ".join(map(str, fds)), conf, modes, open(conf).read()))
 time.sleep(1 if "once" in sys.argv[-2] else 600)
 ' "$@"
 """
+CLOSER = "exec 1>&- 2>&-\n" + SLEEPER   # lives on, bounded, without output streams
 
 
-def set_field(wd, idx, field, val=""):
-    with wd.rpc() as rpc:
-        return rpc.VantrelWatchdog.SetField(idx, "", field, val)["ret"]
-
-
-def mode(path):
-    return stat.S_IMODE(os.lstat(path).st_mode)
-
-
-def saves(wd):
-    return len(re.findall(r"watchdog_save_conf: updating config file", wd.log()))
-
-
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
 class HostSafety(unittest.TestCase):
-    def setUp(self):
-        self.wd = Watchdog(self)
-        self.wd.add_script("VantrelElementsMixer", RECORDER)
-
-    def record(self, name):
-        path = self.wd.path(name + ".rec")
-        self.assertTrue(wait_until(lambda: os.path.exists(path), 15), self.wd.log())
-        with open(path) as f:
-            fds, conf, modes, *lines = f.read().splitlines()
+    def record(self, wd, name):
+        path = wd.path(name + ".rec")
+        self.assertTrue(wait_until(lambda: os.path.exists(path), 20), wd.log())
+        fds, conf, modes, *lines = read(path).splitlines()
         return fds.split(), conf, modes, lines
 
     def test_child_holds_no_supervisor_descriptor_and_port_survives_sigkill(self):
-        self.wd.write_conf(self.wd.app_lines("elem_mixer", "mixer", "--raw=--a=1"))
-        self.wd.start()
-        self.wd.wait_port()
-        with self.wd.rpc() as rpc:   # started while this request's connection is open
-            self.assertEqual(rpc.VantrelWatchdog.SetField(0, "", "t_run", "")["ret"], 0)
-            fds, conf, _, _ = self.record("mixer")
+        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "mixer", "--raw=--a=1"), {"VantrelElementsMixer": RECORDER})
+        with wd.rpc() as rpc:   # started while this request's connection is open
+            self.assertEqual(set_field(rpc, 0, "t_run"), 0)
+            fds, conf, _, _ = self.record(wd, "mixer")
         self.addCleanup(shutil.rmtree, os.path.dirname(conf), True)   # a killed supervisor leaves it
         self.assertEqual(fds, ["0", "1", "2"])
-        orphan = self.wd.child_pids()[0]
-        self.wd.extra_pids.append(orphan)
-        self.wd.proc.kill()
-        self.wd.wait_exit(10)
-        self.assertNotEqual(pid_listening_on(self.wd.port), orphan, "the orphan holds the port")
-        self.wd.start()
-        self.wd.wait_port()
-        self.assertEqual(pid_listening_on(self.wd.port), self.wd.proc.pid)
+        wd.extra_pids.append(wd.child_pids()[0])
+        wd.proc.kill()
+        wd.wait_exit(10)
+        wd.start()
+        self.assertEqual(pid_listening_on(wd.port), wd.proc.pid, "the orphan holds no port")
 
     def test_per_child_file_is_private_ignores_planted_links_and_goes_with_its_child(self):
-        victim = self.wd.path("victim")
-        with open(victim, "w") as f:
-            f.write("root only\n")
-        self.wd.write_conf(self.wd.app_lines("elem_mixer", "once", "--alias=m1", "--raw=--matrix=/m"))
-        self.wd.start()
-        self.wd.wait_port()
-        planted = ["/tmp/watchdog-%d-%03d.conf" % (self.wd.proc.pid, n) for n in range(3)]
+        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "once", "--alias=m1", "--raw=--matrix=/m"),
+                    {"VantrelElementsMixer": RECORDER})
+        write(wd.path("victim"), "root only\n")
+        planted = ["/tmp/watchdog-%d-%03d.conf" % (wd.proc.pid, n) for n in range(3)]
         for link in planted:
-            os.symlink(victim, link)
+            os.symlink(wd.path("victim"), link)
             self.addCleanup(os.remove, link)
-        self.assertEqual(set_field(self.wd, 0, "t_run"), 0)
-        fds, conf, modes, lines = self.record("once")
+        self.assertEqual(set_field(wd.rpc(self), 0, "t_run"), 0)
+        fds, conf, modes, lines = self.record(wd, "once")
         self.assertEqual(modes, "600 700")
-        self.assertEqual(lines, ["--matrix=/m", "--log-file-name=/Vantrel/logs/m1/log",
-                                 "--state-save=/Vantrel/runtime/m1"])
+        self.assertEqual(lines, ["--matrix=/m", "--log-file-name=/Vantrel/logs/m1/log", "--state-save=/Vantrel/runtime/m1"])
         self.assertTrue(wait_until(lambda: not os.path.exists(conf), 10), "option file outlived its child")
-        with open(victim) as f:
-            self.assertEqual(f.read(), "root only\n")
+        self.assertEqual(read(wd.path("victim")), "root only\n")
         self.assertTrue(all(os.path.islink(p) for p in planted))
-        self.assertEqual(self.wd.stop(), 0)
+        self.assertEqual(wd.stop(), 0)
         self.assertFalse(os.path.exists(os.path.dirname(conf)), "private directory left behind")
 
-    def test_daemon_keeps_modes_and_bounds_backups(self):
-        self.wd.write_conf(["--conf-backups=2", "--lib=x"])
-        os.chmod(self.wd.conf_path, 0o640)
-        self.wd.start([self.wd.conf_path, "--demonize"])
-        self.assertEqual(self.wd.wait_exit(10), 0)
-        self.assertTrue(wait_until(lambda: pid_listening_on(self.wd.port), 10), self.wd.log())
-        self.wd.extra_pids.append(pid_listening_on(self.wd.port))
-        for n in range(1, 5):
-            self.assertEqual(set_field(self.wd, 0, "f_autorun", str(n % 2)), 0)
-            self.wd.wait_log(r"updating config file", n)
-        self.assertEqual(mode(self.wd.conf_path), 0o640)
-        with open(self.wd.conf_path) as f:
-            self.assertIn("--conf-backups=2\n", f.read())
-        backups = lambda: [n for n in os.listdir(self.wd.dir) if n.startswith("watchdog.conf-")]
-        wait_until(lambda: len(backups()) <= 2, 5)   # the last save logs before it prunes
-        self.assertEqual(len(backups()), 2, backups())
-        for root, dirs, files in os.walk(self.wd.dir):
-            for name in dirs + files:
-                p = os.path.join(root, name)
-                self.assertFalse(mode(p) & 0o002 and not os.path.islink(p), "world-writable: %s" % p)
-        self.assertEqual(mode(self.wd.log_path) & 0o027, 0)
-
     def test_largest_configuration_round_trips_unchanged(self):
-        long_value = "v" * 4095
-        lines = ["--instance-name=big", "--port=%d" % self.wd.port, "--log-file-name=" + self.wd.log_path,
-                 "--log-rotate-interval=86400"]
+        wd, long_value = Watchdog(self), "v" * 4095
+        lines = ["--instance-name=big", "--port=%d" % wd.port, "--log-file-name=" + wd.log_path, "--log-rotate-interval=86400"]
         for a in range(1024):
             lines += ["", "--elem_mixer=" + (long_value if a == 0 else "/cfg/%d" % a), "--alias=a%d" % a,
-                      "--bin-path=" + self.wd.bin_dir]
-            lines += ["--env=E%d=%d" % (e, a) for e in range(64)]
+                      "--bin-path=" + wd.bin_dir] + ["--env=E%d=%d" % (e, a) for e in range(64)]
             lines += ["--raw=" + (long_value if a == 1023 and r == 127 else "--r%d=%d" % (r, a)) for r in range(128)]
-        text = "\n".join(lines) + "\n"
-        with open(self.wd.conf_path, "w") as f:
-            f.write(text)
+        write(wd.conf_path, "\n".join(lines) + "\n")
         for run in range(2):
-            self.wd.start()
-            self.wd.wait_port(60)
-            self.assertEqual(set_field(self.wd, 0, "f_autorun", "0"), 0)
-            self.wd.wait_log(r"updating config file", 1, 60)
-            self.assertEqual(self.wd.stop(), 0)
-            with open(self.wd.conf_path) as f:
-                self.assertTrue(f.read() == text, "run %d wrote a different file" % run)
+            wd.start()
+            self.assertEqual(set_field(wd.rpc(self), 0, "f_autorun", "0"), 0)
+            wd.wait_log(r"updating config file", 1, 60)
+            self.assertEqual(wd.stop(), 0)
+            self.assertTrue(read(wd.conf_path) == "\n".join(lines) + "\n", "run %d wrote a different file" % run)
 
     def test_full_disk_keeps_the_standing_file_and_retries(self):
-        cfg = self.wd.path("cfg")
-        os.mkdir(cfg)
-        self.wd.write_conf(["--lib=x"])
-        script = ('mount -t tmpfs -o size=64k tmpfs "$0" && cp "$1" "$0"/w.conf && : > "$0"/w.conf.writing'
-                  ' && exec "$2" "$0"/w.conf')
-        probe = subprocess.run(["unshare", "-m", "--propagation", "private", "true"], capture_output=True)
-        if probe.returncode != 0:
+        unshare = ["unshare", "-m", "--propagation", "private"]
+        if subprocess.run(unshare + ["true"], capture_output=True).returncode:
             self.skipTest("no mount namespace here")
-        self.wd.command = lambda args=None: list(args)
-        self.wd.start(["unshare", "-m", "--propagation", "private", "sh", "-c", script, cfg,
-                       self.wd.conf_path, BIN])
-        self.wd.wait_port()
-        inside = "/proc/%d/root%s/" % (self.wd.proc.pid, cfg)
+        wd = Watchdog(self)
+        os.mkdir(wd.path("cfg"))
+        wd.write_conf(["--lib=x"])
+        script = ('mount -t tmpfs -o size=64k tmpfs "$0" && cp "$1" "$0"/w.conf && : > "$0"/w.conf.writing'
+                  ' && exec "$2" "$0"/w.conf 2>/dev/null')
+        wd.proc = subprocess.Popen(unshare + ["sh", "-c", script, wd.path("cfg"), wd.conf_path, BIN], cwd=wd.dir)
+        wd.wait_port()
+        inside = "/proc/%d/root%s/" % (wd.proc.pid, wd.path("cfg"))
         self.assertFalse(os.path.exists(inside + "w.conf.writing"), "stale temporary file kept")
-        with open(inside + "w.conf") as f:
-            before = f.read()
-        with open(inside + "filler", "wb", buffering=0) as f:
-            try:
-                for _ in range(1000):
-                    f.write(b"x" * 4096)
-            except OSError:
-                pass
+        before = read(inside + "w.conf")
+        subprocess.run(["dd", "if=/dev/zero", "of=" + inside + "filler", "bs=4096", "count=1000"], capture_output=True)
         for val in ("1", "0", "1"):
-            self.assertEqual(set_field(self.wd, 0, "f_autorun", val), 0)
-            self.wd.wait_log(r"watchdog_save_conf: failed to write", 1)
-        with open(inside + "w.conf") as f:
-            self.assertEqual(f.read(), before)
+            self.assertEqual(set_field(wd.rpc(self), 0, "f_autorun", val), 0)
+            wd.wait_log(r"watchdog_save_conf: failed to write")
+        self.assertEqual(read(inside + "w.conf"), before)
         os.remove(inside + "filler")
-        self.wd.wait_log(r"done after \d+ failed attempts", 1, 15)
-        self.assertEqual(len(re.findall("failed to write", self.wd.log())), 1, self.wd.log())
-        with open(inside + "w.conf") as f:
-            self.assertIn("--autorun=1\n", f.read())
+        wd.wait_log(r"done after \d+ failed attempts")
+        self.assertEqual(wd.log().count("failed to write"), 1, wd.log())
+        self.assertIn("--autorun=1\n", read(inside + "w.conf"))
 
-
-if __name__ == "__main__":
-    unittest.main()
+    def test_child_that_closes_its_output_costs_little_and_stays_supervised(self):
+        wd = launch(self, lambda wd: wd.app_lines("elem_matrix", "closer"), {"VantrelElementsMatrix": CLOSER})
+        rpc = wd.rpc(self)
+        self.assertEqual(set_field(rpc, 0, "t_run"), 0)
+        pid = wait_until(lambda: entries(rpc)[0]["pid"], 10)
+        # Closed pipes read as end of file at every pass: next to no CPU, and not the child's end.
+        cpu0 = cpu_seconds(wd.proc.pid)
+        self.assertFalse(wait_until(lambda: not pid_alive(pid) or entries(rpc)[0]["pid"] != pid, 2.0))
+        self.assertLess(cpu_seconds(wd.proc.pid) - cpu0, 0.5, "supervisor busy while the child is quiet")
+        self.assertEqual(set_field(rpc, 0, "t_term"), 0)
+        self.assertTrue(wait_until(lambda: entries(rpc)[0]["pid"] == 0 and not pid_alive(pid), 20), "stopped and reaped")
+        self.assertEqual(wd.stop(), 0)

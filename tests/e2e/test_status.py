@@ -1,5 +1,7 @@
-"""GetStatus, GetElements and GetApps through the running binary: empty and
-populated listings, run times, element ports, and faults for bad parameters."""
+# The control methods on a running binary: GetStatus, GetElements, GetApps
+# and GetAuth over several applications (listings, run times, element ports);
+# GetStdXXXBuf paging through more than a ring's worth of output, stderr apart
+# from stdout, offsets across a crash and restart of the child; GetAuth's secret.
 
 import os
 import re
@@ -7,116 +9,129 @@ import time
 import unittest
 import xmlrpc.client
 
-from watchdog_harness import BIN, Watchdog, wait_until
+from watchdog_harness import SLEEPER, STUBBORN, entries, launch, set_field, wait_until
 
-# Stays up for at most 60 s; short sleeps so SIGINT ends it promptly.
-SLEEPER = "i=0\nwhile [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
-# Ignores SIGINT, so a termination request stays pending; the marker file
-# tells that the trap is in place.
-STUBBORN = "trap '' INT\ntouch \"$0.ready\"\n" + SLEEPER
+RING, CHUNK, LINES = 32768, 1024, 5000   # 9 bytes a line: more than the ring holds
+FIRST_RUN = b"".join(b"L%07d\n" % i for i in range(LINES))
+SECOND_RUN = b"second run\n" * 10
+# The first run writes LINES numbered lines and one stderr line, then ends once
+# "$2.go" appears; the respawned second run writes SECOND_RUN. Bounded.
+CHATTY = """\
+n=$(cat "$2.runs" 2>/dev/null || echo 0); n=$((n+1)); echo $n > "$2.runs"
+if [ $n -eq 1 ]; then
+    i=0; while [ $i -lt 5000 ]; do printf 'L%07d\\n' $i; i=$((i+1)); done
+    printf 'err-line\\n' >&2
+    j=0; while [ ! -e "$2.go" ] && [ $j -lt 300 ]; do sleep 0.1; j=$((j+1)); done
+    exit 0
+fi
+printf 'second run\\n%.0s' 1 2 3 4 5 6 7 8 9 10
+""" + SLEEPER
 
 
-def running(exe_dir, type_name, alias, *extra):
-    return ["--%s=/cfg/%s" % (type_name, alias), "--alias=" + alias, "--bin-path=" + exe_dir,
-            "--env=PATH=/usr/bin:/bin", "--autorun=1"] + list(extra)
+class I8(int):   # an offset sent as <i8>, which the plain client never produces
+    pass
 
 
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
-class EmptyInstance(unittest.TestCase):
-    def setUp(self):
-        self.wd = Watchdog(self)
-        self.wd.write_conf(["--instance-name=Studio A"])
-        self.wd.start()
-        self.wd.wait_port()
-        self.rpc = self.wd.rpc()
-        self.addCleanup(self.rpc("close"))
+xmlrpc.client.Marshaller.dispatch[I8] = lambda _, value, write: write("<value><i8>%d</i8></value>" % int(value))
 
-    def test_listings_are_empty_but_complete(self):
-        # Parameters of the listings are ignored.
-        for reply in (self.rpc.VantrelWatchdog.GetStatus(), self.rpc.VantrelWatchdog.GetElements(1, "x")):
-            self.assertEqual(list(reply), ["amend", "list", "version", "instance_name"])
-            self.assertEqual((reply["list"], reply["instance_name"]), ([], "Studio A"))
+
+class ControlMethods(unittest.TestCase):
+    def test_listings_of_a_populated_instance(self):
+        scripts = {"VantrelElements" + n: SLEEPER for n in ("Mixer", "Flash", "IODecklinkOutput", "IONDIInput", "IOJPEGOutput")}
+        app = lambda wd, t, alias, *more: wd.app_lines(t, alias, "--alias=" + alias, "--autorun=1", *more)
+        wd = launch(self, lambda wd: ["--instance-name=Studio A"] + app(wd, "elem_mixer", "Mix plain", "--thumb=mix.png")
+                    + app(wd, "elem_mixer", "Mix raw", "--raw=--port=0", "--raw=--port=4711")
+                    + app(wd, "elem_flash", "Flash", "--raw=--port=5000", "--raw=--xmlrpc-port=6100")
+                    + app(wd, "elem_io_decklink_out", "SDI out", "--raw=--port=7000") + app(wd, "elem_io_ndi_in", "NDI in")
+                    + app(wd, "elem_io_jpeg_out", "JPEG") + ["--elem_matrix=/cfg/idle", "--alias=Idle matrix"]
+                    + app(wd, "elem_dve", "Stubborn DVE"), dict(scripts, VantrelElementsDVE=STUBBORN))
+        rpc = wd.rpc(self)
+        self.assertTrue(wait_until(lambda: sum(1 for e in entries(rpc) if e["pid"]) == 7, 20), wd.log())
+
+        # GetStatus and GetElements frame.
+        for reply in (rpc.VantrelWatchdog.GetStatus(), rpc.VantrelWatchdog.GetElements(1, "x")):
+            self.assertEqual((list(reply), reply["instance_name"]), (["amend", "list", "version", "instance_name"], "Studio A"))
             self.assertRegex(reply["version"], r"^\d+\.\d+")
-            # Supervision stamps the counter with its start time.
-            self.assertLess(abs(reply["amend"] - time.time()), 60)
-        apps = self.rpc.VantrelWatchdog.GetApps()["apps"]
-        self.assertEqual((len(apps), len(set(apps)), apps[0], apps[-1]), (45, 45, "filetranscoder", "elem_clock"))
-        self.assertNotIn("none", apps)
-
-@unittest.skipUnless(BIN, "WATCHDOG_BIN not set")
-class PopulatedInstance(unittest.TestCase):
-    ALIASES = ["Mix plain", "Mix raw", "Flash", "SDI out", "NDI in", "JPEG", "Idle matrix", "Stubborn DVE"]
-
-    def setUp(self):
-        self.wd = Watchdog(self)
-        exe = self.wd.bin_dir
-        for name in ("VantrelElementsMixer", "VantrelElementsFlash", "VantrelElementsIODecklinkOutput",
-                     "VantrelElementsIONDIInput", "VantrelElementsIOJPEGOutput"):
-            self.wd.add_script(name, SLEEPER)
-        self.wd.add_script("VantrelElementsDVE", STUBBORN)
-        self.wd.write_conf(
-            running(exe, "elem_mixer", "Mix plain", "--thumb=mix.png")
-            + running(exe, "elem_mixer", "Mix raw", "--raw=--port=0", "--raw=--port=4711")
-            + running(exe, "elem_flash", "Flash", "--raw=--port=5000", "--raw=--xmlrpc-port=6100")
-            + running(exe, "elem_io_decklink_out", "SDI out", "--raw=--port=7000")
-            + running(exe, "elem_io_ndi_in", "NDI in")
-            + running(exe, "elem_io_jpeg_out", "JPEG")
-            + ["--elem_matrix=/cfg/idle", "--alias=Idle matrix", "--bin-path=" + exe]
-            + running(exe, "elem_dve", "Stubborn DVE"))
-        self.wd.start()
-        self.wd.wait_port()
-        self.rpc = self.wd.rpc()
-        self.addCleanup(self.rpc("close"))
-        ok = wait_until(lambda: sum(1 for e in self.listing() if e["pid"]) == len(self.ALIASES) - 1, 15)
-        self.assertTrue(ok, "not every autorun application started; log:\n" + self.wd.log())
-
-    def listing(self):
-        return self.rpc.VantrelWatchdog.GetStatus()["list"]
-
-    def test_status_lists_every_slot_with_its_run_state(self):
-        first = self.listing()
-        self.assertEqual([e["alias"] for e in first], self.ALIASES)
-        for entry in first:
-            self.assertRegex(entry["ptr"], r"^[1-9a-f][0-9a-f]*$")
-        self.assertEqual(len({e["ptr"] for e in first}), len(first))
-        self.assertEqual((first[0]["app_name"], first[0]["thumb"], first[0]["f_autorun"]), ("elem_mixer", "mix.png", 1))
-        idle = first[6]
-        self.assertEqual([idle[k] for k in ("pid", "started", "terminated", "f_autorun", "f_respawn")], [0] * 5)
-
-        time.sleep(2.2)
-        later = self.listing()[0]
-        self.assertEqual(later["pid"], first[0]["pid"])
-        self.assertGreaterEqual(later["started"] - first[0]["started"], 2)
-        self.assertEqual(later["terminated"], 0)
-
-    def test_terminated_counts_while_a_termination_is_pending(self):
-        ready = self.wd.path("bin", "VantrelElementsDVE.ready")
-        self.assertTrue(wait_until(lambda: os.path.exists(ready), 10), "the DVE never set its trap")
-        dve = self.listing()[7]
-        self.assertEqual(self.rpc.VantrelWatchdog.SetField(7, dve["ptr"], "t_term", "")["ret"], 0)
-        time.sleep(2.2)
-        entry = self.listing()[7]
-        self.assertEqual(entry["pid"], dve["pid"])   # it ignores SIGINT
-        self.assertGreaterEqual(entry["terminated"], 2)
-
-    def test_elements_lists_running_elements_with_their_ports(self):
+            self.assertLess(abs(reply["amend"] - time.time()), 60, "stamped with the start time")
+        # GetApps.
+        apps = rpc.VantrelWatchdog.GetApps()["apps"]
+        self.assertEqual((len(set(apps) - {"none"}), len(apps), apps[0], apps[-1]), (45, 45, "filetranscoder", "elem_clock"))
+        # GetAuth without a secret.
+        token = rpc.VantrelWatchdog.GetAuth("", "")["session"]
+        self.assertTrue(token.startswith("VantrelWatchdog "), token)
+        self.assertEqual(rpc.VantrelWatchdog.GetAuth("anything", "junk"), {"ret": 1, "session": token})
+        # GetStatus slots and run times.
+        first = entries(rpc)
+        self.assertEqual([e["alias"] for e in first], ["Mix plain", "Mix raw", "Flash", "SDI out", "NDI in", "JPEG",
+                                                     "Idle matrix", "Stubborn DVE"])
+        self.assertEqual(len({e["ptr"] for e in first if re.match(r"[1-9a-f][0-9a-f]*$", e["ptr"])}), 8, "distinct hex handles")
+        self.assertEqual([first[0][k] for k in ("app_name", "thumb", "f_autorun")], ["elem_mixer", "mix.png", 1])
+        self.assertEqual([first[6][k] for k in ("pid", "started", "terminated", "f_autorun", "f_respawn")], [0] * 5)
+        self.assertTrue(wait_until(lambda: entries(rpc)[0]["started"] - first[0]["started"] >= 2, 10))
+        self.assertEqual([entries(rpc)[0][k] for k in ("pid", "terminated")], [first[0]["pid"], 0])
+        # GetElements lists running elements with their ports.
         def elements():
             return [(e["id"], e["port"], e["alias"], e["thumb"], e["app_name"])
-                    for e in self.rpc.VantrelWatchdog.GetElements()["list"]]
-        self.assertEqual(elements(), [
-            (21, 36001, "Mix plain", "mix.png", "elem_mixer"),
-            (21, 4711, "Mix raw", "", "elem_mixer"),
-            (23, 6100, "Flash", "", "elem_flash"),
-            (32, 35001, "Stubborn DVE", "", "elem_dve"),
-        ])
-        # A stopped element leaves the listing.
-        ptr = self.listing()[0]["ptr"]
-        self.assertEqual(self.rpc.VantrelWatchdog.SetField(0, ptr, "f_respawn", "0")["ret"], 0)
-        self.assertEqual(self.rpc.VantrelWatchdog.SetField(0, ptr, "t_term", "")["ret"], 0)
-        self.assertTrue(wait_until(lambda: self.listing()[0]["pid"] == 0, 10))
-        self.assertEqual([self.listing()[0][k] for k in ("started", "terminated")], [0, 0])
+                    for e in rpc.VantrelWatchdog.GetElements()["list"]]
+        self.assertEqual(elements(), [(21, 36001, "Mix plain", "mix.png", "elem_mixer"),
+                                      (21, 4711, "Mix raw", "", "elem_mixer"), (23, 6100, "Flash", "", "elem_flash"),
+                                      (32, 35001, "Stubborn DVE", "", "elem_dve")])
+        self.assertEqual([set_field(rpc, 0, "f_respawn", "0"), set_field(rpc, 0, "t_term")], [0, 0])
+        self.assertTrue(wait_until(lambda: entries(rpc)[0]["pid"] == 0, 20))
+        self.assertEqual([entries(rpc)[0][k] for k in ("started", "terminated")], [0, 0])
         self.assertEqual([e[2] for e in elements()], ["Mix raw", "Flash", "Stubborn DVE"])
+        # terminated counts while a termination is pending.
+        self.assertTrue(wait_until(lambda: os.path.exists(wd.path("bin", "VantrelElementsDVE.ready")), 10))
+        self.assertEqual(set_field(rpc, 7, "t_term"), 0)
+        self.assertTrue(wait_until(lambda: entries(rpc)[7]["terminated"] >= 2, 10), entries(rpc)[7])
+        self.assertEqual(entries(rpc)[7]["pid"], first[7]["pid"], "it ignores SIGINT")
 
+    def buf(self, off, file_no=1):
+        return self.rpc.VantrelWatchdog.GetStdXXXBuf(-1, self.ptr, off, file_no)
 
-if __name__ == "__main__":
-    unittest.main()
+    def page_from(self, off):
+        # Follows the stream from off to its current end; (bytes, last reply).
+        data = b""
+        for _ in range(200):
+            reply = self.buf(I8(off))
+            self.assertLessEqual(len(reply["buf"].data), CHUNK)
+            data, off = data + reply["buf"].data, reply["off"]
+            if off == reply["tail"]:
+                return data, reply
+        self.fail("stream did not end within 200 pages")
+
+    def test_paging_across_a_full_ring_and_a_crash_restart_then_auth(self):
+        self.wd = launch(self, lambda wd: ["--web-auth-secret=Open Sesame"] + wd.app_lines("lib", "lib", "--autorun=1")
+                         + wd.app_lines("elem_mixer", "mix", "--respawn=1"),
+                         {"VantrelLib": SLEEPER, "VantrelElementsMixer": CHATTY})
+        self.rpc = self.wd.rpc(self)
+        self.ptr = entries(self.rpc)[1]["ptr"]
+        total = len(FIRST_RUN)
+        self.assertTrue(wait_until(lambda: self.buf(I8(0))["tail"] == total, 20), "tail never reached %d" % total)
+        first = self.buf(I8(0))   # offset 0 has fallen out of the ring: the reply starts at head
+        head = first["head"]
+        self.assertEqual(head, total - RING)
+        # "ret" is the slot index, though the request addressed the handle.
+        self.assertEqual((first["ret"], first["ptr"], first["off"]), (1, self.ptr, head + CHUNK))
+        data, last = self.page_from(0)
+        self.assertEqual((data, last["off"]), (FIRST_RUN[head:], total))
+        self.assertEqual(self.buf(str(head + 5000)), self.buf(I8(head + 5000)), "decimal text as i8")
+        self.assertEqual(self.buf(" %d" % (total - 100))["buf"].data, FIRST_RUN[-100:])
+        err = self.buf(I8(0), file_no=2)
+        self.assertEqual((err["head"], err["tail"], err["buf"].data), (0, 9, b"err-line\n"))
+
+        pid = entries(self.rpc)[1]["pid"]
+        open(self.wd.path("mix.go"), "w").close()   # the child ends and is respawned
+        grown = total + len(SECOND_RUN)
+        self.assertTrue(wait_until(lambda: self.buf(I8(0))["tail"] == grown, 20), "second run never arrived")
+        self.assertNotIn(entries(self.rpc)[1]["pid"], (0, pid))
+        data, last = self.page_from(total)
+        self.assertEqual((data, last["head"]), (SECOND_RUN, grown - RING))
+
+        # With a secret, only the exact secret or the session token is accepted.
+        auth = self.rpc.VantrelWatchdog.GetAuth
+        token = auth("Open Sesame", "")["session"]
+        self.assertTrue(token.startswith("VantrelWatchdog "), token)
+        for secret, session in (("open Sesame", ""), ("", ""), ("Open Sesame ", ""), ("wrong", token + "x")):
+            self.assertEqual(auth(secret, session), {"ret": 0, "session": ""}, (secret, session))
+        self.assertEqual(auth("wrong", token), {"ret": 1, "session": token})
