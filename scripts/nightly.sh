@@ -22,8 +22,8 @@ step() {
 
 step fuzz env FUZZ_SECONDS="${FUZZ_SECONDS:-3600}" bash tests/fuzz/run_fuzzers.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null &&
-  cmake --build build -j"$(nproc)" --target VantrelWatchdog >/dev/null
-step soak env WATCHDOG_BIN="$(pwd)/build/src/VantrelWatchdog" ${SOAK_SECONDS:+SOAK_SECONDS=$SOAK_SECONDS} \
+  cmake --build build -j"$(nproc)" --target VantrelWatchdog vantrelctl >/dev/null
+step soak env WATCHDOG_BIN="$(pwd)/build/src/VantrelWatchdog" VANTRELCTL_BIN="$(pwd)/build/src/vantrelctl" ${SOAK_SECONDS:+SOAK_SECONDS=$SOAK_SECONDS} \
   PYTHONPATH=tests/e2e python3 -m unittest -v bench/soak_test.py
 [ -z "${SKIP_BENCH:-}" ] && step bench bash bench/run_all.sh
 
