@@ -1,11 +1,15 @@
-// Launch preparation without forking: executable path, argument and environment
-// vectors, the per-child option file, and the classification of a child's end.
+// Launch preparation without forking (executable path, argument and environment
+// vectors, the per-child option file), the classification of a child's end,
+// and the status listings built outside the lock.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include "app_life.h"
 #include "app_types.h"
 #include "child_conf.h"
+#include "common/xmlrpc_raii.h"
+#include "ctl_methods.h"
+#include "ctl_status.h"
 #include "launcher.h"
 #include "unit_support.h"
 
@@ -13,15 +17,6 @@ namespace {
 
 using namespace unit_support;
 using strings = std::vector<std::string>;
-
-strings vec(const char* const v[LAUNCH_VEC_SLOTS])
-{
-    strings out;
-    for (int i = 0; i < LAUNCH_VEC_SLOTS && v[i]; i++) out.emplace_back(v[i]);
-    return out;
-}
-
-int exit_status(int code) { return (code & 0xff) << 8; }
 
 // An app that frees itself and the option file it made.
 struct launch_app {
@@ -36,41 +31,29 @@ struct launch_app {
         if (!r->child_conf_file.empty()) unlink(r->child_conf_file.c_str());
         app_free(r);
     }
-    strings argv(const char* path = "/opt/x/Exe")
+    strings argv()
     {
         const char* v[LAUNCH_VEC_SLOTS];
-        int n = launch_build_argv(*r, path, v);
+        int n = launch_build_argv(*r, "/opt/x/Exe", v);
         EXPECT_EQ(v[n], nullptr);
-        return vec(v);
+        return strings(v, v + n);
     }
     app* r = app_new();
 };
 
-TEST(Launch, ExecutablePathFromBinPathOwnDirectoryOrScriptProgram)
+TEST(Launch, ExecutablePathArgumentsAndTheOptionFileWithItsDefaults)
 {
     char path[TEXT_FIELD_SIZE];
-    launch_app io("io"), script("script");
-    io.r->bin_path.set("/opt/vantrel/bin");
-    launch_exec_path(*io.r, path, sizeof(path));
-    EXPECT_STREQ(path, "/opt/vantrel/bin/VantrelIO");
-    io.r->bin_path.clear();
-    launch_exec_path(*io.r, path, sizeof(path));
-    EXPECT_EQ(std::string(path), fs::read_symlink("/proc/self/exe").parent_path().string() + "/VantrelIO");
-    script.r->bin_path.set("/opt/tools/run.sh");
-    launch_exec_path(*script.r, path, sizeof(path));
-    EXPECT_STREQ(path, "/opt/tools/run.sh");
-}
-
-TEST(Launch, ArgumentsAndTheOptionFileWithItsDefaults)
-{
-    struct row {
-        const char* type;
-        const char* alias;
-        const char* config;
-        strings raws;
-        strings argv_head;   // before the option file's path, when there is one
-        const char* conf;    // nullptr: no option file
-    } rows[] = {
+    auto exec_path = [&](const char* type, const char* bin_path) {
+        launch_app a(type);
+        a.r->bin_path.set(bin_path);
+        return launch_exec_path(*a.r, path, sizeof(path)), std::string(path);
+    };
+    EXPECT_EQ(exec_path("io", "/opt/vantrel/bin"), "/opt/vantrel/bin/VantrelIO");
+    EXPECT_EQ(exec_path("io", ""), fs::read_symlink("/proc/self/exe").parent_path().string() + "/VantrelIO");
+    EXPECT_EQ(exec_path("script", "/opt/tools/run.sh"), "/opt/tools/run.sh");
+    // argv_head: before the option file's path, when there is one; conf nullptr: no option file
+    struct row { const char *type, *alias, *config; strings raws, argv_head; const char* conf; } rows[] = {
         {"elem_mixer", "mixer1", "/cfg/m.xml", {}, {"mixer1", "--nodemonize", "/cfg/m.xml"}, nullptr},
         {"io", "", "", {}, {"/opt/x/Exe", "--nodemonize"}, nullptr},
         {"io", "", "c.xml", {"--xmlrpc-port=9101"}, {"/opt/x/Exe", "--nodemonize", "c.xml"}, "--xmlrpc-port=9101\n"},
@@ -89,8 +72,7 @@ TEST(Launch, ArgumentsAndTheOptionFileWithItsDefaults)
         launch_app a(w.type, w.alias, w.raws);
         a.r->config.set(w.config);
         unsigned seq = launch_conf_seq();
-        strings argv = a.argv();
-        strings expected = w.argv_head;
+        strings argv = a.argv(), expected = w.argv_head;
         if (w.conf) {
             char path[64];
             snprintf(path, sizeof(path), "%s/watchdog-%d-%03u.conf", child_conf_dir().c_str(), static_cast<int>(getpid()), seq);
@@ -100,16 +82,11 @@ TEST(Launch, ArgumentsAndTheOptionFileWithItsDefaults)
         EXPECT_EQ(argv, expected) << w.type << " " << w.alias;
         EXPECT_EQ(launch_conf_seq(), seq + (w.conf ? 1 : 0)) << w.type << " " << w.alias;
     }
-}
-
-TEST(Launch, AScriptTakesAtMost62Arguments)
-{
-    strings raws;
+    strings raws;   // a script takes at most 62 arguments, comments left out
     for (int i = 0; i < 70; i++) raws.push_back(i % 10 == 5 ? "#c" + std::to_string(i) : "a" + std::to_string(i));
-    launch_app many("script", "tool", raws);
-    strings argv = many.argv();
-    ASSERT_EQ(argv.size(), 63u);
-    EXPECT_EQ(argv[62], "a68");   // 62 non-comment raws: a0..a68 less a5..a65 step 10
+    strings many = launch_app("script", "tool", raws).argv();
+    ASSERT_EQ(many.size(), 63u);
+    EXPECT_EQ(many[62], "a68");   // 62 non-comment raws: a0..a68 less a5..a65 step 10
 }
 
 TEST(Launch, EnvironmentIsAppEntriesThenInheritedAndOverflowDropsAppEntries)
@@ -121,8 +98,8 @@ TEST(Launch, EnvironmentIsAppEntriesThenInheritedAndOverflowDropsAppEntries)
     for (const char* e : {"VANTREL_ELEMENTS_DEVICE=1", "CUDA_MPS_LOG_DIRECTORY=/l", "CUDA_VISIBLE_DEVICES=0"})
         inst.inherited_envs.append(e);
     const char* envp[LAUNCH_VEC_SLOTS];
-    EXPECT_EQ(launch_build_envp(*r.r, inst, envp), 5);
-    EXPECT_EQ(vec(envp), (strings{"PATH=/usr/bin:/bin", "MODE=2", "VANTREL_ELEMENTS_DEVICE=1",
+    ASSERT_EQ(launch_build_envp(*r.r, inst, envp), 5);
+    EXPECT_EQ(strings(envp, envp + 5), (strings{"PATH=/usr/bin:/bin", "MODE=2", "VANTREL_ELEMENTS_DEVICE=1",
                                   "CUDA_MPS_LOG_DIRECTORY=/l", "CUDA_VISIBLE_DEVICES=0"}));
     EXPECT_EQ(launch_build_envp(*many.r, inst, envp), 63);
     EXPECT_EQ(envp[63], nullptr);
@@ -130,38 +107,20 @@ TEST(Launch, EnvironmentIsAppEntriesThenInheritedAndOverflowDropsAppEntries)
     EXPECT_STREQ(envp[62], "CUDA_VISIBLE_DEVICES=0");
 }
 
-// The brakes, by whole seconds of the monotonic clock (a start at 1000 s).
-TEST(Launch, SixthFastEndInARowStopsRespawningUntilALongRun)
+// The brakes by whole seconds of the monotonic clock (a start at 1000 s), and
+// exit status 128 as a start error that wins over too fast.
+TEST(Launch, EndClassification)
 {
-    launch_app a("io");
-    app& r = *a.r;
-    r.f_respawn = 1;
-    r.started_ms = 1'000'000;
-    for (int i = 1; i <= 5; i++) app_life_classify_end(r, 1'004'999, exit_status(0));
-    EXPECT_EQ(r.fast_respawn_cnt, 5);
-    EXPECT_EQ(r.f_respawn, 1);
-    app_life_classify_end(r, 1'000'000, exit_status(1));
-    EXPECT_EQ(r.f_respawn, 0);
-    EXPECT_EQ(r.err.str(), "Respawn too fast");
-    r.f_respawn = 1;   // not reset by the message: the next fast end repeats it
-    app_life_classify_end(r, 1'002'000, exit_status(0));
-    EXPECT_EQ(r.fast_respawn_cnt, 7);
-    EXPECT_EQ(r.f_respawn, 0);
-    app_life_classify_end(r, 1'005'000, exit_status(0));
-    EXPECT_EQ(r.fast_respawn_cnt, 0);
-}
-
-TEST(Launch, ExitStatus128IsAStartErrorAndWinsOverTooFast)
-{
-    struct row {
-        int64_t ended_ms;
-        int fast_before, status, fast_after, respawn_after;
-        const char* err;
-    } rows[] = {
-        {1'010'000, 0, exit_status(128), 0, 0, "Start error"},
-        {1'001'000, 5, exit_status(128), 6, 0, "Start error"},
+    auto exited = [](int code) { return (code & 0xff) << 8; };
+    struct row { int64_t ended_ms; int fast_before, status, fast_after, respawn_after; const char* err; } rows[] = {
+        {1'004'999, 4, exited(0), 5, 1, ""},                    // within the window: fast
+        {1'004'999, 5, exited(0), 6, 0, "Respawn too fast"},    // the sixth in a row
+        {1'000'000, 6, exited(1), 7, 0, "Respawn too fast"},    // not reset by the message
+        {1'005'000, 5, exited(0), 0, 1, ""},                    // a long run resets the count
+        {1'010'000, 0, exited(128), 0, 0, "Start error"},
+        {1'001'000, 5, exited(128), 6, 0, "Start error"},
         {1'010'000, 3, SIGKILL, 0, 1, ""},   // killed by a signal is no start error
-        {1'010'000, 0, exit_status(127), 0, 1, ""},
+        {1'010'000, 0, exited(127), 0, 1, ""},
     };
     for (const row& w : rows) {
         launch_app a("io");
@@ -169,10 +128,62 @@ TEST(Launch, ExitStatus128IsAStartErrorAndWinsOverTooFast)
         a.r->started_ms = 1'000'000;
         a.r->fast_respawn_cnt = w.fast_before;
         app_life_classify_end(*a.r, w.ended_ms, w.status);
-        EXPECT_EQ(a.r->fast_respawn_cnt, w.fast_after) << "status " << w.status;
-        EXPECT_EQ(a.r->f_respawn, w.respawn_after) << "status " << w.status;
-        EXPECT_EQ(a.r->err.str(), w.err) << "status " << w.status;
+        std::string at = std::to_string(w.ended_ms) + " status " + std::to_string(w.status);
+        EXPECT_EQ(a.r->fast_respawn_cnt, w.fast_after) << at;
+        EXPECT_EQ(a.r->f_respawn, w.respawn_after) << at;
+        EXPECT_EQ(a.r->err.str(), w.err) << at;
     }
+}
+
+TEST(ElementPort, ValuesThatDoNotFitAPositiveIntAreListedWithTheirLow32Bits)
+{
+    struct row { int type; const char* raw; bool listed; int port; } rows[] = {
+        {21, "--port=-1", true, -1}, {21, "--port=3000000000", true, -1294967296}, {21, "--port=0", true, 36001},
+        {23, "--xmlrpc-port=-5", true, -5}, {24, "--port=7000", false, 0}};
+    for (const row& w : rows) {
+        app record;
+        record.type = w.type;
+        record.raws.append(w.raw);
+        int port = 0;
+        EXPECT_EQ(ctl_element_port(record, &port), w.listed) << w.raw;
+        EXPECT_EQ(w.listed ? port : 0, w.port) << w.raw;
+    }
+}
+
+// "pid/f_respawn/alias;" of every entry of a GetStatus answer.
+std::string status_of(instance* inst)
+{
+    xmlrpc_env_guard env;
+    xmlrpc_value_ref reply(ctl_method_GetStatus(env.get(), nullptr, inst, nullptr));
+    xmlrpc_value* list = xmlrpc_struct_get_value(env.get(), reply.get(), "list");   // borrowed
+    std::string out;
+    for (int i = 0; i < xmlrpc_array_size(env.get(), list); i++) {
+        int pid = 0, respawn = 0;
+        decoded_text alias;
+        xmlrpc_decompose_value(env.get(), xmlrpc_array_get_item(env.get(), list, i), "{s:i,s:i,s:s,*}", "pid", &pid,
+                               "f_respawn", &respawn, "alias", alias.out());
+        alias.adopt();
+        out += std::to_string(pid) + "/" + std::to_string(respawn) + "/" + alias.get() + ";";
+    }
+    return out;
+}
+
+TEST(StatusAnswer, AChangeWithinTheSameSecondIsNeverHiddenByTheReusedAnswer)
+{
+    instance* inst = nullptr;
+    ASSERT_EQ(instance_create(&inst), 0);
+    app* a = app_new();
+    instance_slot_append(inst, a);
+    EXPECT_EQ(status_of(inst), "0/0/;");
+    EXPECT_EQ(status_of(inst), "0/0/;");
+    a->pid = 42;   // no counter raised, as when a signal handler stops a child
+    EXPECT_EQ(status_of(inst), "42/0/;");
+    a->f_respawn = 1;
+    a->alias.set("x");
+    EXPECT_EQ(status_of(inst), "42/1/x;");
+    instance_slot_append(inst, app_new());
+    EXPECT_EQ(status_of(inst), "42/1/x;0/0/;");
+    instance_destroy(&inst);
 }
 
 }  // namespace

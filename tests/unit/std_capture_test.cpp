@@ -13,13 +13,11 @@ namespace {
 
 using namespace unit_support;
 
-// Byte at stream position p of the test streams: never periodic within a ring.
-char stream_byte(uint64_t p) { return static_cast<char>((p * 7 + p / 251) & 0xff); }
-
+// Stream position p holds this byte: never periodic within a ring.
 std::string stream_bytes(uint64_t from, uint64_t to)
 {
     std::string out;
-    for (uint64_t p = from; p < to; p++) out.push_back(stream_byte(p));
+    for (uint64_t p = from; p < to; p++) out.push_back(static_cast<char>((p * 7 + p / 251) & 0xff));
     return out;
 }
 
@@ -31,24 +29,14 @@ std::string ring_bytes(const std_ring& ring)
 TEST(StdRing, ExactlyFullDropsNothingOneMoreDropsOneAndChunksKeepTheNewest)
 {
     std_ring ring;
-    std::string data = stream_bytes(0, STD_BUF_SIZE + 1);
-    std_ring_append(ring, data.data(), STD_BUF_SIZE);
-    EXPECT_EQ(ring.head, 0u);
-    EXPECT_EQ(ring.tail, 32768u);
-    std_ring_append(ring, data.data() + STD_BUF_SIZE, 1);
-    EXPECT_EQ(ring.head, 1u);
-    EXPECT_EQ(ring_bytes(ring), stream_bytes(1, STD_BUF_SIZE + 1));
-
     std::mt19937 rng(12345);
-    uint64_t pos = ring.tail;
-    for (int i = 0; i < 100; i++) {
-        size_t n = i % 3 ? rng() % 700 + 1 : rng() % (2 * STD_BUF_SIZE) + 1;
-        std::string chunk = stream_bytes(pos, pos + n);
+    for (int i = 0; i < 100; i++) {   // exactly full, one byte more, then small and large chunks
+        uint64_t from = ring.tail, n = i < 2 ? (i ? 1 : STD_BUF_SIZE) : rng() % (i % 3 ? 700 : 2 * STD_BUF_SIZE) + 1;
+        std::string chunk = stream_bytes(from, from + n);
         std_ring_append(ring, chunk.data(), n);
-        pos += n;
-        ASSERT_EQ(ring.tail, pos);
-        ASSERT_EQ(ring.head, pos - STD_BUF_SIZE) << "after chunk " << i;
-        ASSERT_EQ(ring_bytes(ring), stream_bytes(pos - STD_BUF_SIZE, pos)) << "after chunk " << i;
+        uint64_t kept_from = from + n > STD_BUF_SIZE ? from + n - STD_BUF_SIZE : 0;
+        ASSERT_EQ(ring.head, kept_from) << "after chunk " << i;
+        ASSERT_EQ(ring_bytes(ring), stream_bytes(kept_from, from + n)) << "after chunk " << i;
     }
 }
 
@@ -79,11 +67,11 @@ protected:
         app_free(record_);
         instance_destroy(&inst_);
     }
-    void feed(int fd_no, const std::string& data)
+    void feed_and_drain(int fd_no, const std::string& data)
     {
         ASSERT_EQ(write(record_->std_pipes[fd_no].wr, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+        EXPECT_EQ(watchdog_std_drain(inst_, record_, scratch_, fd_no), 0);
     }
-    void drain(int fd_no) { EXPECT_EQ(watchdog_std_drain(inst_, record_, scratch_, fd_no), 0); }
     // What a child's end and the next launch do to the capture state.
     void next_child(int pid, int64_t later)
     {
@@ -92,7 +80,8 @@ protected:
         record_->pid = pid;
         record_->started += later;
     }
-    fs::path session(const char* name) { return dir_ / "wd.log.sessions" / name; }
+    std::string session(const char* name) { return file_text(dir_ / "wd.log.sessions" / name); }
+    bool exists(const char* name) { return fs::exists(dir_ / "wd.log.sessions" / name); }
 
     scratch_dir tmp_{"std_capture_test"};
     fs::path dir_ = tmp_.path();
@@ -101,67 +90,47 @@ protected:
     char scratch_[STD_BUF_SIZE];
 };
 
-TEST_F(StdDrain, EveryByteReachesTheFileTheNewestTheRingAndStreamsStayApart)
-{
-    feed(1, stream_bytes(0, 40000));
-    feed(2, "err-1;");
-    drain(1);
-    drain(2);
-    EXPECT_EQ(record_->session_name.str(), "20180504_130709-4711");
-    EXPECT_EQ(record_->std_bufs[1].head, 7232u);
-    EXPECT_EQ(record_->std_bufs[1].tail, 40000u);
-    EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(7232, 40000));
-    record_->pid = 99;   // a later pid must not rename the session being collected
-    feed(1, "out-2;");
-    drain(1);
-    EXPECT_EQ(file_text(session("20180504_130709-4711-1")), stream_bytes(0, 40000) + "out-2;");
-    EXPECT_EQ(file_text(session("20180504_130709-4711-2")), "err-1;");
-    EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "err-1;");
-}
-
-TEST_F(StdDrain, SilentChildGetsEmptyFilesNeverWorldReadableAndNoDirectoryStillFillsTheRing)
+TEST_F(StdDrain, FilesRingPositionsOverChildrenRotationAndRetention)
 {
     mode_t old = umask(0);   // as under --demonize
-    drain(1);
-    drain(2);
+    for (int fd_no : {1, 2}) feed_and_drain(fd_no, "");
     umask(old);
     for (const char* name : {"20180504_130709-4711-1", "20180504_130709-4711-2"}) {
         struct stat st {};
-        ASSERT_EQ(stat(session(name).c_str(), &st), 0) << name;
+        ASSERT_EQ(stat((dir_ / "wd.log.sessions" / name).c_str(), &st), 0) << name;
         EXPECT_EQ(st.st_size, 0);
-        EXPECT_EQ(st.st_mode & 0777, 0640u);
+        EXPECT_EQ(st.st_mode & 0777, 0640u);   // a silent child gets its files, never world-readable
     }
-    next_child(4712, 1);
-    fs::remove_all(dir_ / "wd.log.sessions");
-    feed(2, "only in memory");
-    drain(2);
-    EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "only in memory");
-    EXPECT_FALSE(fs::exists(dir_ / "wd.log.sessions"));
-}
+    feed_and_drain(1, stream_bytes(0, 40000));
+    feed_and_drain(2, "err-1;");
+    EXPECT_EQ(record_->std_bufs[1].head, 7232u);
+    EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(7232, 40000));
+    record_->pid = 99;   // a later pid must not rename the session being collected
+    feed_and_drain(1, stream_bytes(40000, 40006));
+    EXPECT_EQ(session("20180504_130709-4711-1"), stream_bytes(0, 40006));
+    EXPECT_EQ(session("20180504_130709-4711-2"), "err-1;");
 
-TEST_F(StdDrain, PositionsRunOnOverChildrenAFullFileRotatesAndOnlyTheNewestSessionsStay)
-{
+    // Positions run on over children; a full file rotates; the newest two sessions stay.
     inst_->session_max_bytes = 4096;
     inst_->sessions_keep = 2;
-    feed(1, stream_bytes(0, 3000));
-    drain(1);
-    feed(1, stream_bytes(3000, 6000));
-    drain(1);
-    EXPECT_EQ(file_text(session("20180504_130709-4711-1.1")), stream_bytes(0, 3000));
-    EXPECT_EQ(file_text(session("20180504_130709-4711-1")), stream_bytes(3000, 6000));
     next_child(4712, 60);
-    feed(1, stream_bytes(6000, 40000));
-    drain(1);
-    EXPECT_EQ(record_->std_bufs[1].tail, 40000u);
-    EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(40000 - STD_BUF_SIZE, 40000));
-    EXPECT_EQ(file_text(session("20180504_130809-4712-1.1")) + file_text(session("20180504_130809-4712-1")),
-              stream_bytes(6000, 40000));
+    feed_and_drain(1, stream_bytes(40006, 43006));
+    feed_and_drain(1, stream_bytes(43006, 46006));
+    EXPECT_EQ(record_->std_bufs[1].tail, 46006u);
+    EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(46006 - STD_BUF_SIZE, 46006));
+    EXPECT_EQ(session("20180504_130809-4712-1.1"), stream_bytes(40006, 43006));
+    EXPECT_EQ(session("20180504_130809-4712-1"), stream_bytes(43006, 46006));
     next_child(4713, 60);
-    drain(2);
-    EXPECT_FALSE(fs::exists(session("20180504_130709-4711-1")));
-    EXPECT_FALSE(fs::exists(session("20180504_130709-4711-1.1")));
-    EXPECT_TRUE(fs::exists(session("20180504_130809-4712-1")));
-    EXPECT_TRUE(fs::exists(session("20180504_130909-4713-2")));
+    feed_and_drain(2, "");
+    EXPECT_FALSE(exists("20180504_130709-4711-1") || exists("20180504_130709-4711-2"));
+    EXPECT_TRUE(exists("20180504_130809-4712-1") && exists("20180504_130809-4712-1.1") && exists("20180504_130909-4713-2"));
+
+    // Without the directory the ring still fills.
+    next_child(4714, 1);
+    fs::remove_all(dir_ / "wd.log.sessions");
+    feed_and_drain(2, "only in memory");
+    EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "err-1;only in memory");
+    EXPECT_FALSE(fs::exists(dir_ / "wd.log.sessions"));
 }
 
 }  // namespace
