@@ -47,12 +47,6 @@ struct decoder_case {
     std::set<std::string> optional = {};
 };
 
-template <typename T>
-std::string first_of(T** list, std::function<std::string(T*)> text)
-{
-    return list && list[0] ? text(list[0]) : "";
-}
-
 std::vector<decoder_case> cases()
 {
     auto state = [](int result) {
@@ -226,7 +220,7 @@ value edited(xmlrpc_value* structure, const std::string& key, xmlrpc_value* repl
     for (int i = 0; i < xmlrpc_struct_size(env.get(), structure); ++i) {
         value k, member;
         xmlrpc_struct_read_member(env.get(), structure, i, k.out(), member.out());
-        std::string name = render(k.get()).substr(1);
+        std::string name = render(k.get(), true).substr(1);
         name.pop_back();
         if (name != key) xmlrpc_struct_set_value(env.get(), copy.get(), name.c_str(), member.get());
         else if (replacement) xmlrpc_struct_set_value(env.get(), copy.get(), name.c_str(), replacement);
@@ -236,12 +230,13 @@ value edited(xmlrpc_value* structure, const std::string& key, xmlrpc_value* repl
 
 std::vector<std::string> keys_of(xmlrpc_value* structure)
 {
-    std::string text = render(structure);
+    xmlrpc_env_guard env;
     std::vector<std::string> keys;
-    for (std::size_t p = 1; (p = text.find('"', p)) != std::string::npos;) {
-        std::size_t end = text.find('"', p + 1);
-        if (text[end + 1] == ':' && (text[p - 1] == '{' || text[p - 1] == ',')) keys.push_back(text.substr(p + 1, end - p - 1));
-        p = end + 1;
+    for (int i = 0; i < xmlrpc_struct_size(env.get(), structure); ++i) {
+        value key, member;
+        xmlrpc_struct_read_member(env.get(), structure, i, key.out(), member.out());
+        keys.push_back(render(key.get(), true).substr(1));
+        keys.back().pop_back();
     }
     return keys;
 }

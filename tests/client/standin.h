@@ -18,8 +18,9 @@
 #include "common/xmlrpc_raii.h"
 
 // Ints 1, i8 1L, doubles 1.5, strings "a", byte strings b"a", booleans, arrays
-// [a,b], structs {"k":v} in member order.
-inline std::string render(xmlrpc_value* v)
+// [a,b], structs {"k":v} in member order. Compact: strings 'a', byte strings
+// by their length b1, keys bare {k:v}.
+inline std::string render(xmlrpc_value* v, bool compact = false)
 {
     xmlrpc_env_guard env;
     std::string out;
@@ -38,7 +39,7 @@ inline std::string render(xmlrpc_value* v)
         decoded_text s;
         xmlrpc_read_string(env.get(), v, s.out());
         decoded_adopt(s);
-        return std::string("\"") + s.get() + "\"";
+        return (compact ? "'" : "\"") + std::string(s.get()) + (compact ? "'" : "\"");
     }
     case XMLRPC_TYPE_BASE64: {
         size_t len = 0;
@@ -46,20 +47,21 @@ inline std::string render(xmlrpc_value* v)
         xmlrpc_read_base64(env.get(), v, &len, &data);
         out.assign(reinterpret_cast<const char*>(data), len);
         free(const_cast<unsigned char*>(data));
-        return "b\"" + out + "\"";
+        return compact ? "b" + std::to_string(len) : "b\"" + out + "\"";
     }
     case XMLRPC_TYPE_ARRAY:
         for (int i = 0; i < xmlrpc_array_size(env.get(), v); i++) {
             xmlrpc_value_ref item;
             xmlrpc_array_read_item(env.get(), v, i, item.out());
-            out += (i ? "," : "") + render(item.get());
+            out += (i ? "," : "") + render(item.get(), compact);
         }
         return "[" + out + "]";
     case XMLRPC_TYPE_STRUCT:
         for (int i = 0; i < xmlrpc_struct_size(env.get(), v); i++) {
             xmlrpc_value_ref key, member;
             xmlrpc_struct_read_member(env.get(), v, i, key.out(), member.out());
-            out += (i ? "," : "") + render(key.get()) + ":" + render(member.get());
+            std::string name = render(key.get(), compact);
+            out += (i ? "," : "") + (compact ? name.substr(1, name.size() - 2) : name) + ":" + render(member.get(), compact);
         }
         return "{" + out + "}";
     default: return "?";

@@ -17,6 +17,7 @@
 
 #include <xmlrpc-c/base.h>
 
+#include "byte_reader.h"
 #include "client/vantrel.h"
 #include "client/vantrel_decode.h"
 #include "client/vantrel_decode_ft.h"
@@ -61,35 +62,6 @@ constexpr int TEXT_COUNT = sizeof(texts) / sizeof(texts[0]);
 const int ints[] = {0, 1, 2, 3, -1, -2, -5, -12, -14, -22, INT_MIN, INT_MAX};
 constexpr int INT_COUNT = sizeof(ints) / sizeof(ints[0]);
 
-// Reads the input from the front; runs dry into zeros, which build integers,
-// so every input ends in a finite value.
-struct byte_reader {
-    const uint8_t* p;
-    size_t n;
-
-    uint8_t u8()
-    {
-        if (n == 0) return 0;
-        --n;
-        return *p++;
-    }
-    uint32_t u32()
-    {
-        uint32_t v = 0;
-        for (int i = 0; i < 4; ++i) v = (v << 8) | u8();
-        return v;
-    }
-    std::string bytes(size_t max)
-    {
-        size_t len = u8() % (max + 1);
-        if (len > n) len = n;
-        std::string out(reinterpret_cast<const char*>(p), len);
-        p += len;
-        n -= len;
-        return out;
-    }
-};
-
 xmlrpc_value* build(xmlrpc_env* env, byte_reader& in, int depth);
 
 xmlrpc_value* build_struct(xmlrpc_env* env, byte_reader& in, int depth, bool with_result)
@@ -106,7 +78,7 @@ xmlrpc_value* build_struct(xmlrpc_env* env, byte_reader& in, int depth, bool wit
         // Mostly known keys; now and then an arbitrary printable one (the
         // value library itself crashes on a key that is not UTF-8, and its
         // XML parser never hands such a key out).
-        std::string key = pick < 240 ? keys[pick % KEY_COUNT] : in.bytes(16);
+        std::string key = pick < 240 ? keys[pick % KEY_COUNT] : in.bytes(in.u8() % 17);
         for (char& c : key) c = static_cast<char>(' ' + static_cast<unsigned char>(c) % 95);
         xmlrpc_value_ref member(build(env, in, depth + 1));
         if (!env->fault_occurred) xmlrpc_struct_set_value(env, s, key.c_str(), member.get());
@@ -133,7 +105,7 @@ xmlrpc_value* build(xmlrpc_env* env, byte_reader& in, int depth)
     case 4: return xmlrpc_bool_new(env, in.u8() & 1);
     case 5: return xmlrpc_string_new(env, texts[in.u8() % TEXT_COUNT]);
     case 6: {
-        std::string raw = in.bytes(64);
+        std::string raw = in.bytes(in.u8() % 65);
         xmlrpc_value* v = xmlrpc_string_new_lp(env, raw.size(), raw.data());
         if (!env->fault_occurred) return v;
         // Not acceptable as a string: a plain integer stands in.
@@ -147,7 +119,7 @@ xmlrpc_value* build(xmlrpc_env* env, byte_reader& in, int depth)
         return xmlrpc_string_new(env, big.c_str());
     }
     case 8: {
-        std::string raw = in.bytes(64);
+        std::string raw = in.bytes(in.u8() % 65);
         return xmlrpc_base64_new(env, raw.size(), reinterpret_cast<const unsigned char*>(raw.data()));
     }
     case 9:
@@ -169,13 +141,29 @@ xmlrpc_value* build(xmlrpc_env* env, byte_reader& in, int depth)
     }
 }
 
+// Owners of what the decoders hand out, released whatever the decoder did.
+struct str_list {
+    char** v = nullptr;
+    ~str_list() { vantrel_str_list_free(&v); }
+};
 template <typename T>
-void free_list(T** list)
-{
-    if (!list) return;
-    for (T** r = list; *r; ++r) free(*r);
-    free(list);
-}
+struct rec_list {
+    T** v = nullptr;
+    ~rec_list()
+    {
+        for (T** r = v; r && *r; ++r) free(*r);
+        free(v);
+    }
+};
+template <typename T>
+struct rec {
+    T* v = nullptr;
+    ~rec() { free(v); }
+};
+struct text_buf {
+    std::unique_ptr<char[]> v{new char[VANTREL_STR_SIZE]};
+    char* get() { return v.get(); }
+};
 
 int count_names(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int, int)
 {
@@ -188,213 +176,73 @@ int count_names(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int, int)
 }
 
 // Each decoder gets a fresh environment, as after a successful call.
-template <typename Decode>
-void with_env(Decode decode)
+#define DECODE(...)                         \
+    do {                                    \
+        xmlrpc_env_guard guard;             \
+        xmlrpc_env* env = guard.get();      \
+        __VA_ARGS__;                        \
+    } while (0)
+
+void decode_everything(xmlrpc_value* a)
 {
-    xmlrpc_env_guard env;
-    decode(env.get());
-}
-
-void decode_everything(xmlrpc_value* answer)
-{
-    // ---- call frame ----
-    with_env([&](xmlrpc_env* env) { vantrel_result_decode(env, "f", "M.m", answer); });
-    with_env([&](xmlrpc_env* env) {
-        int names = 0;
-        parse_custom_list("f", env, answer, "list", count_names, &names);
-    });
-    with_env([&](xmlrpc_env* env) {
-        int names = 0;
-        parse_custom_list("f", env, answer, nullptr, count_names, &names);
-    });
-    with_env([&](xmlrpc_env* env) {
-        char** list = nullptr;
-        xmlrpc_INCREF(answer);   // the walker takes its answer over
-        parse_simple_list_response("f", env, answer, &list);
-        vantrel_str_list_free(&list);
-    });
-
-    // ---- playout, templates, settings ----
-    with_env([&](xmlrpc_env* env) {
-        auto status = std::make_unique<vantrel_status>();
-        vantrel_getstatus_decode(env, answer, status.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        int gen = 0, pos = 0, idx = 0;
-        vantrel_playlist_item* items = nullptr;
-        vantrel_playlist_items_decode(env, answer, &gen, &pos, &idx, &items);
-        free(items);
-    });
-    with_env([&](xmlrpc_env* env) {
-        char** layers = nullptr;
-        vantrel_lib_tmpl_get_decode(env, answer, &layers);
-        vantrel_str_list_free(&layers);
-    });
-    with_env([&](xmlrpc_env* env) {
-        char** fonts = nullptr;
-        vantrel_lib_tmpl_fonts_decode(env, "VantrelLib.TmplFonts", answer, &fonts);
-        vantrel_str_list_free(&fonts);
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto value = std::make_unique<char[]>(VANTREL_STR_SIZE);
-        vantrel_lib_build_template_decode(env, answer, value.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto settings = std::make_unique<vantrel_io_settings>();
-        vantrel_io_settings_get_decode(env, answer, settings.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_io_mode** modes = nullptr;
-        vantrel_io_settings_get_modes_decode(env, answer, &modes);
-        if (modes) vantrel_io_settings_modes_free(&modes);
-    });
-
-    // ---- media library ----
-    with_env([&](xmlrpc_env* env) { vantrel_lib_path_result_decode(env, "f", answer); });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_meta* meta = nullptr;
-        vantrel_lib_meta_item_decompose(env, answer, &meta);
-        free(meta);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_dir** dirs = nullptr;
-        vantrel_lib_list_dirs_decode(env, answer, "media", &dirs);
-        free_list(dirs);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_meta** items = nullptr;
-        vantrel_lib_list_items_decode(env, answer, "media/", &items);
-        free_list(items);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_meta* meta = nullptr;
-        vantrel_lib_meta_item_decode(env, answer, "media/a", &meta);
-        free(meta);
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto item = std::make_unique<char[]>(VANTREL_STR_SIZE);
-        vantrel_lib_search_decode(env, answer, "f", "M.m", item.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_subclip** clips = nullptr;
-        vantrel_lib_list_subclips_decode(env, answer, &clips, 7);
-        vantrel_lib_subclips_free(&clips);
-    });
-    with_env([&](xmlrpc_env* env) {
-        unsigned char* data = nullptr;
-        uint32_t size = 0;
-        vantrel_lib_thumb_decode(env, answer, "f", "u", "M.m", "thumb", &data, &size);
-        free(data);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_overlay** groups = nullptr;
-        vantrel_lib_list_overlays_decode(env, answer, &groups);
-        vantrel_lib_overlays_free(&groups);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_overlay** groups = nullptr;
-        vantrel_lib_list_overlays_level(env, answer, 0, &groups);
-        vantrel_lib_overlays_free(&groups);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_usage* usage = nullptr;
-        vantrel_lib_state_decode(env, answer, &usage);
-        free(usage);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_lib_usage* usage = nullptr;
-        vantrel_lib_disk_usage_decode(env, answer, &usage);
-        free(usage);
-    });
-    with_env([&](xmlrpc_env* env) {
-        int64_t cnt = 0, date = 0;
-        vantrel_lib_register_cue_decode(env, answer, &cnt, &date);
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto value = std::make_unique<char[]>(VANTREL_STR_SIZE);
-        auto object = std::make_unique<char[]>(VANTREL_STR_SIZE);
-        int32_t shm = 0;
-        vantrel_basename_item_decode(env, answer, value.get(), object.get(), &shm);
-        vantrel_lib_basename_overlay_decode(env, answer, value.get());
-    });
-
-    // ---- scheduler ----
-    with_env([&](xmlrpc_env* env) {
-        vantrel_sched_item* item = nullptr;
-        vantrel_sched_item_get_decode(env, answer, &item);
-        free(item);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_sched_item* item = nullptr;
-        vantrel_sched_item_decompose(env, answer, &item);
-        free(item);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_sched_item** items = nullptr;
-        vantrel_sched_item_list_decode(env, answer, &items);
-        free_list(items);
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_sched_log** logs = nullptr;
-        vantrel_sched_log_list_decode(env, answer, &logs);
-        free_list(logs);
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto state = std::make_unique<vantrel_sched_state>();
-        vantrel_sched_get_state_decode(env, answer, state.get());
-    });
-
-    // ---- file transfer and transcoder ----
-    with_env([&](xmlrpc_env* env) {
-        auto targets = std::make_unique<vantrel_ft_target[]>(CAPACITY);
-        vantrel_filetransfer_targets_list_decode(env, answer, CAPACITY, targets.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto requests = std::make_unique<vantrel_ft_request[]>(CAPACITY);
-        vantrel_filetransfer_requests_list_decode(env, answer, CAPACITY, requests.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto requests = std::make_unique<vantrel_ftc_request[]>(CAPACITY);
-        vantrel_filetranscoder_requests_list_decode(env, answer, CAPACITY, requests.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto request = std::make_unique<vantrel_ft_request>();
-        vantrel_filetransfer_request_get_decode(env, answer, request.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        char** names = nullptr;
-        vantrel_filetransfer_list_decode(env, answer, &names);
-        vantrel_str_list_free(&names);
-    });
-
-    // ---- supervisor ----
-    with_env([&](xmlrpc_env* env) { vantrel_watchdog_ret_decode(env, "f", answer); });
-    with_env([&](xmlrpc_env* env) {
-        auto listing = std::make_unique<vantrel_wd_listing>();
-        vantrel_watchdog_status_decode(env, answer, listing.get());
-        vantrel_watchdog_listing_free(listing.get());
-        vantrel_watchdog_elements_decode(env, answer, listing.get());
-        vantrel_watchdog_listing_free(listing.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        char** names = nullptr;
-        vantrel_watchdog_apps_decode(env, answer, &names);
-        vantrel_str_list_free(&names);
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto item = std::make_unique<vantrel_wd_item>();
-        vantrel_watchdog_item_decode(env, answer, item.get());
-        vantrel_watchdog_item_free(item.get());
-    });
-    with_env([&](xmlrpc_env* env) {
-        vantrel_wd_output output{};
-        vantrel_watchdog_std_buf_decode(env, answer, &output);
-        vantrel_watchdog_output_free(&output);
-    });
-    with_env([&](xmlrpc_env* env) {
-        auto session = std::make_unique<char[]>(VANTREL_STR_SIZE);
-        vantrel_watchdog_auth_decode(env, answer, session.get());
-    });
+    int n = 0, m = 0, k = 0;
+    int64_t cnt = 0, date = 0;
+    // call frame
+    DECODE(vantrel_result_decode(env, "f", "M.m", a));
+    DECODE(parse_custom_list("f", env, a, "list", count_names, &n));
+    DECODE(parse_custom_list("f", env, a, nullptr, count_names, &n));
+    DECODE(str_list l; xmlrpc_INCREF(a); parse_simple_list_response("f", env, a, &l.v));   // takes its answer over
+    // playout, templates, settings
+    DECODE(auto st = std::make_unique<vantrel_status>(); vantrel_getstatus_decode(env, a, st.get()));
+    DECODE(rec<vantrel_playlist_item> i; vantrel_playlist_items_decode(env, a, &n, &m, &k, &i.v));
+    DECODE(str_list l; vantrel_lib_tmpl_get_decode(env, a, &l.v));
+    DECODE(str_list l; vantrel_lib_tmpl_fonts_decode(env, "VantrelLib.TmplFonts", a, &l.v));
+    DECODE(text_buf t; vantrel_lib_build_template_decode(env, a, t.get()));
+    DECODE(auto st = std::make_unique<vantrel_io_settings>(); vantrel_io_settings_get_decode(env, a, st.get()));
+    DECODE(vantrel_io_mode** l = nullptr; vantrel_io_settings_get_modes_decode(env, a, &l);
+           if (l) vantrel_io_settings_modes_free(&l));
+    // media library
+    DECODE(vantrel_lib_path_result_decode(env, "f", a));
+    DECODE(rec<vantrel_lib_meta> r; vantrel_lib_meta_item_decompose(env, a, &r.v));
+    DECODE(rec_list<vantrel_lib_dir> l; vantrel_lib_list_dirs_decode(env, a, "media", &l.v));
+    DECODE(rec_list<vantrel_lib_meta> l; vantrel_lib_list_items_decode(env, a, "media/", &l.v));
+    DECODE(rec<vantrel_lib_meta> r; vantrel_lib_meta_item_decode(env, a, "media/a", &r.v));
+    DECODE(text_buf t; vantrel_lib_search_decode(env, a, "f", "M.m", t.get()));
+    DECODE(vantrel_lib_subclip** l = nullptr; vantrel_lib_list_subclips_decode(env, a, &l, 7);
+           vantrel_lib_subclips_free(&l));
+    DECODE(rec<unsigned char> r; uint32_t size = 0; vantrel_lib_thumb_decode(env, a, "f", "u", "M.m", "thumb", &r.v, &size));
+    DECODE(vantrel_lib_overlay** l = nullptr; vantrel_lib_list_overlays_decode(env, a, &l); vantrel_lib_overlays_free(&l));
+    DECODE(vantrel_lib_overlay** l = nullptr; vantrel_lib_list_overlays_level(env, a, 0, &l); vantrel_lib_overlays_free(&l));
+    DECODE(rec<vantrel_lib_usage> r; vantrel_lib_state_decode(env, a, &r.v));
+    DECODE(rec<vantrel_lib_usage> r; vantrel_lib_disk_usage_decode(env, a, &r.v));
+    DECODE(vantrel_lib_register_cue_decode(env, a, &cnt, &date));
+    DECODE(text_buf t; text_buf o; int32_t shm = 0; vantrel_basename_item_decode(env, a, t.get(), o.get(), &shm);
+           vantrel_lib_basename_overlay_decode(env, a, t.get()));
+    // scheduler
+    DECODE(rec<vantrel_sched_item> r; vantrel_sched_item_get_decode(env, a, &r.v));
+    DECODE(rec<vantrel_sched_item> r; vantrel_sched_item_decompose(env, a, &r.v));
+    DECODE(rec_list<vantrel_sched_item> l; vantrel_sched_item_list_decode(env, a, &l.v));
+    DECODE(rec_list<vantrel_sched_log> l; vantrel_sched_log_list_decode(env, a, &l.v));
+    DECODE(auto st = std::make_unique<vantrel_sched_state>(); vantrel_sched_get_state_decode(env, a, st.get()));
+    // file transfer and transcoder
+    DECODE(auto l = std::make_unique<vantrel_ft_target[]>(CAPACITY);
+           vantrel_filetransfer_targets_list_decode(env, a, CAPACITY, l.get()));
+    DECODE(auto l = std::make_unique<vantrel_ft_request[]>(CAPACITY);
+           vantrel_filetransfer_requests_list_decode(env, a, CAPACITY, l.get()));
+    DECODE(auto l = std::make_unique<vantrel_ftc_request[]>(CAPACITY);
+           vantrel_filetranscoder_requests_list_decode(env, a, CAPACITY, l.get()));
+    DECODE(auto r = std::make_unique<vantrel_ft_request>(); vantrel_filetransfer_request_get_decode(env, a, r.get()));
+    DECODE(str_list l; vantrel_filetransfer_list_decode(env, a, &l.v));
+    // supervisor
+    DECODE(vantrel_watchdog_ret_decode(env, "f", a));
+    DECODE(auto l = std::make_unique<vantrel_wd_listing>(); vantrel_watchdog_status_decode(env, a, l.get());
+           vantrel_watchdog_listing_free(l.get()); vantrel_watchdog_elements_decode(env, a, l.get());
+           vantrel_watchdog_listing_free(l.get()));
+    DECODE(str_list l; vantrel_watchdog_apps_decode(env, a, &l.v));
+    DECODE(auto r = std::make_unique<vantrel_wd_item>(); vantrel_watchdog_item_decode(env, a, r.get());
+           vantrel_watchdog_item_free(r.get()));
+    DECODE(vantrel_wd_output out{}; vantrel_watchdog_std_buf_decode(env, a, &out); vantrel_watchdog_output_free(&out));
+    DECODE(text_buf t; vantrel_watchdog_auth_decode(env, a, t.get()));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #   FUZZ_SECONDS=3600 bash tests/fuzz/run_fuzzers.sh fuzz_options   # one target, one hour
 #
 # For a long run by hand, keep new inputs out of the repository:
-#   build-fuzz/tests/fuzz/fuzz_ctl_methods /tmp/my-corpus tests/fuzz/corpus/fuzz_ctl_methods \
+#   build-fuzz/tests/fuzz/fuzz_ctl /tmp/my-corpus tests/fuzz/corpus/fuzz_ctl \
 #       -max_total_time=36000 -rss_limit_mb=2048 -jobs=2 -workers=2
 # and merge the few interesting ones back with -merge=1 into tests/fuzz/corpus/<target>/.
 # A crash leaves build-fuzz/crash-<target>-<hash>; replay it with the target
@@ -19,7 +19,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/../.."
 root=$(pwd)
-build=${FUZZ_BUILD_DIR:-$root/build-fuzz}
+build=$(realpath -m "${FUZZ_BUILD_DIR:-$root/build-fuzz}")   # the targets run from a scratch directory
 seconds=${FUZZ_SECONDS:-0}
 work=$(mktemp -d /tmp/vantrel-fuzz-XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -55,7 +55,7 @@ for t in "${targets[@]}"; do
   if [ "$seconds" -gt 0 ]; then args+=(-max_total_time="$seconds"); else args+=(-runs=0); fi
   # The option reader reports on standard error by design; keep the run readable.
   [ "$t" = fuzz_options ] && args+=(-close_fd_mask=2)
-  [ "$t" = fuzz_request_path ] && args+=(-dict="$root/tests/fuzz/xmlrpc.dict")
+  [ "$t" = fuzz_ctl ] && args+=(-dict="$root/tests/fuzz/xmlrpc.dict")
   echo "== $t: $([ "$seconds" -gt 0 ] && echo "${seconds}s" || echo "corpus")"
   # New inputs go to a scratch directory first, the committed corpus is only read.
   dirs=("$work/$t")

@@ -84,8 +84,7 @@ cc -std=c99 -Wall -Werror "$scratch/prog.c" $(pc --cflags --libs) -Wl,-rpath,"$r
   -o "$scratch/prog_shared" || fail "shared link failed"
 cc -std=c99 -Wall -Werror "$scratch/prog.c" $(pc --cflags --libs --static | sed 's/-lvantrel\b/-l:libvantrel.a/') \
   -o "$scratch/prog_static" || fail "static link failed"
-"$scratch/prog_shared" || fail "the shared program failed"
-"$scratch/prog_static" || fail "the static program failed"
+for kind in shared static; do "$scratch/prog_$kind" || fail "the $kind program failed"; done
 readelf -d "$scratch/prog_shared" | grep -q 'libvantrel.so.1' || fail "not linked with libvantrel.so.1"
 ! readelf -d "$scratch/prog_static" | grep -q 'libvantrel' || fail "static program needs libvantrel"
 echo "debian_packages: ok"

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdarg>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "ctl.h"
 #include "ctl_methods.h"
 #include "os_ops.h"
+#include "../client/standin.h"
 #include "system_runner.h"
 #include "unit_support.h"
 
@@ -28,48 +30,9 @@ using method_fn = xmlrpc_value* (*)(xmlrpc_env*, xmlrpc_value*, void*, void*);
 
 std::string g_effects;   // what the fake runner and the fake kill were asked to do
 int record_command(const char* command) { return g_effects += std::string(" run(") + command + ")", 0; }
-int record_kill(pid_t pid, int sig) { return g_effects += " kill(" + std::to_string(pid) + "," + std::to_string(sig) + ")", 0; }
+// A stop signals the child or its whole process group (a negative pid): both show as the child.
+int record_kill(pid_t pid, int sig) { return g_effects += " kill(" + std::to_string(std::abs(pid)) + "," + std::to_string(sig) + ")", 0; }
 const bool g_fake_runner = (system_runner_set(record_command), true);
-
-// i8 values end in "L"; base64 shows only its length.
-std::string render(xmlrpc_value* v)
-{
-    xmlrpc_env_guard env;
-    std::string out;
-    switch (xmlrpc_value_type(v)) {
-    case XMLRPC_TYPE_INT: { int i = 0; xmlrpc_read_int(env.get(), v, &i); return std::to_string(i); }
-    case XMLRPC_TYPE_I8: { xmlrpc_int64 i = 0; xmlrpc_read_i8(env.get(), v, &i); return std::to_string(i) + "L"; }
-    case XMLRPC_TYPE_STRING: {
-        decoded_text s;
-        xmlrpc_read_string(env.get(), v, s.out());
-        decoded_adopt(s);
-        return std::string("'") + s.get() + "'";
-    }
-    case XMLRPC_TYPE_BASE64: {
-        size_t len = 0;
-        const unsigned char* data = nullptr;
-        xmlrpc_read_base64(env.get(), v, &len, &data);
-        free(const_cast<unsigned char*>(data));
-        return "b" + std::to_string(len);
-    }
-    case XMLRPC_TYPE_ARRAY:
-        for (int i = 0; i < xmlrpc_array_size(env.get(), v); i++) {
-            xmlrpc_value_ref item;
-            xmlrpc_array_read_item(env.get(), v, i, item.out());
-            out += (i ? "," : "") + render(item.get());
-        }
-        return "[" + out + "]";
-    case XMLRPC_TYPE_STRUCT:
-        for (int i = 0; i < xmlrpc_struct_size(env.get(), v); i++) {
-            xmlrpc_value_ref key, value;
-            xmlrpc_struct_read_member(env.get(), v, i, key.out(), value.out());
-            std::string k = render(key.get());
-            out += (i ? "," : "") + k.substr(1, k.size() - 2) + ":" + render(value.get());
-        }
-        return "{" + out + "}";
-    default: return "?";
-    }
-}
 
 struct Ctl : ::testing::Test {
     void SetUp() override
@@ -94,7 +57,7 @@ struct Ctl : ::testing::Test {
         instance_slot_append(inst, a);
         return a;
     }
-    // The reply as text, or "fault"; what was logged meanwhile lands in `logged`.
+    // The reply as compact text (i8 values end in "L", base64 shows its length), or "fault"; what was logged meanwhile lands in `logged`.
     std::string call(method_fn method, const char* format, ...)
     {
         xmlrpc_env_guard env;
@@ -110,7 +73,7 @@ struct Ctl : ::testing::Test {
         xmlrpc_value_ref reply(method(env.get(), params, inst, nullptr));
         logged = testing::internal::GetCapturedStderr();
         EXPECT_EQ(env.failed(), !reply);
-        return reply ? render(reply.get()) : "fault";
+        return reply ? render(reply.get(), true) : "fault";
     }
     bool has_line(const std::string& line) const
     {
@@ -370,7 +333,7 @@ TEST_F(Ctl, OutputIsReadByStreamOffsetClampedToTheRingInChunksOf1024)
         xmlrpc_value_ref params(xmlrpc_build_value(env.get(), "(isIi)", 1, "", xmlrpc_int64{r[0]}, 1));
         xmlrpc_value_ref reply(ctl_method_GetStdXXXBuf(env.get(), params.get(), inst, nullptr));
         ASSERT_TRUE(reply);
-        EXPECT_EQ(render(reply.get()), "{ret:1,ptr:'',off:" + std::to_string(r[1]) +
+        EXPECT_EQ(render(reply.get(), true), "{ret:1,ptr:'',off:" + std::to_string(r[1]) +
                                            "L,head:7232L,tail:40000L,file_no:1,buf:b" + std::to_string(r[2]) + "}");
         const unsigned char* data = nullptr;
         size_t len = 0;

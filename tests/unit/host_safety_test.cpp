@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -39,59 +38,38 @@ TEST(HostSafety, OnlyTheOldestBackupsAndRotatedLogsBeyondTheLimitGo)
     for (const row& r : rows) EXPECT_EQ(r.got, r.expected) << r.name;
 }
 
-class HostOptions : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(instance_create(&inst_), 0); }
-    void TearDown() override
-    {
-        unsetenv("POSIXLY_CORRECT");
-        instance_destroy(&inst_);
-    }
-    std::string conf(const std::string& name, const std::string& text)
-    {
-        std::string path = (scratch_.path() / name).string();
-        std::ofstream(path) << text;
-        return path;
-    }
-
-    instance* inst_ = nullptr;
-    scratch_dir scratch_{"host-safety-test"};
-    std::string err_;
-};
-
-TEST_F(HostOptions, DefaultsStandAndAnOptionFilesPassDoesNotResetThem)
+// Defaults, an option file's pass not resetting them, options after a file
+// (POSIXLY_CORRECT too), and only changed values written back.
+TEST(HostOptions, ReadKeptAcrossPassesAndOnlyChangedValuesWrittenBack)
 {
-    EXPECT_EQ(inst_->host.conf_backups, 20);
-    EXPECT_EQ(inst_->host.log_keep, 30);
-    EXPECT_EQ(inst_->host.child_umask, 0);
-    std::string path = conf("w.conf", "--lib=x\n");
-    ASSERT_EQ(read_options(inst_, {"--conf-backups=3", "--log-keep=-4", "--umask=027", path}, err_), 0) << err_;
-    EXPECT_EQ(inst_->host.conf_backups, 3);
-    EXPECT_EQ(inst_->host.log_keep, 0);
-    EXPECT_EQ(inst_->host.child_umask, 027);
-}
-
-TEST_F(HostOptions, OptionsAfterAFileCountAlsoWithPosixlyCorrect)
-{
+    scratch_dir scratch("host-safety-test");
+    std::string path = (scratch.path() / "w.conf").string(), err;
+    write_file(path, "--lib=x\n");
+    instance* inst = nullptr;
+    ASSERT_EQ(instance_create(&inst), 0);
+    EXPECT_EQ(std::to_string(inst->host.conf_backups) + " " + std::to_string(inst->host.log_keep) + " " +
+                  std::to_string(inst->host.child_umask), "20 30 0");
+    ASSERT_EQ(read_options(inst, {"--conf-backups=3", "--log-keep=-4", "--umask=027", path}, err), 0) << err;
+    EXPECT_EQ(std::to_string(inst->host.conf_backups) + " " + std::to_string(inst->host.log_keep) + " " +
+                  std::to_string(inst->host.child_umask), "3 0 23");
     setenv("POSIXLY_CORRECT", "1", 1);
-    std::string path = conf("w.conf", "--lib=x\n");
-    ASSERT_EQ(read_options(inst_, {path, "--log-keep=5", "--debug"}, err_), 0) << err_;
-    EXPECT_EQ(inst_->host.log_keep, 5);
-    EXPECT_EQ(inst_->debug, 1);
-    EXPECT_EQ(inst_->conf_file.str(), path);
-}
+    ASSERT_EQ(read_options(inst, {path, "--log-keep=5", "--debug"}, err), 0) << err;
+    unsetenv("POSIXLY_CORRECT");
+    EXPECT_EQ(std::to_string(inst->host.log_keep) + " " + std::to_string(inst->debug) + " " + inst->conf_file.str(),
+              "5 1 " + path);
+    instance_destroy(&inst);
 
-TEST_F(HostOptions, ChangedValuesAreWrittenBackDefaultsAreNot)
-{
-    std::string path = conf("w.conf", "--conf-backups=0\n--umask=7\n--lib=x\n");
-    ASSERT_EQ(read_options(inst_, {path}, err_), 0) << err_;
+    write_file(path, "--conf-backups=0\n--umask=7\n--lib=x\n");
+    ASSERT_EQ(instance_create(&inst), 0);
+    ASSERT_EQ(read_options(inst, {path}, err), 0) << err;
     ::testing::internal::CaptureStderr();
-    ASSERT_EQ(watchdog_save_conf(inst_), 0);
+    EXPECT_EQ(watchdog_save_conf(inst), 0);
     ::testing::internal::GetCapturedStderr();
+    instance_destroy(&inst);
     std::string text = file_text(path);
     EXPECT_NE(text.find("--log-rotate-interval=86400\n--conf-backups=0\n--umask=007\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("--log-keep"), std::string::npos) << text;
-    for (const auto& e : fs::directory_iterator(scratch_.path()))
+    for (const auto& e : fs::directory_iterator(scratch.path()))
         EXPECT_EQ(e.path().filename(), "w.conf") << "conf-backups=0 keeps no backup";
 }
 
