@@ -27,12 +27,12 @@ conf_line_newline|src/watchdog/conf_writer.cpp|s/fputs\("--autorun=1\\n", f\)/fp
 usage_newline|src/watchdog/options.cpp|s/"    --log-rotate-interval=<INT>\\n"/"    --log-rotate-interval=<INT>"/
 fault_text|src/common/xmlrpc_fault_guard.cpp|s/it does not represent a 64 bit integer/it does not represent an integer/
 slot_limit|src/watchdog/instance.cpp|s/if \(inst->cnt >= APPS_MAX\) return -ENOMEM;/if (inst->cnt > APPS_MAX - 2) return -ENOMEM;/
-backup_name|src/watchdog/conf_writer.cpp|s/"%s-%ld\.%ld"/"%s-%ld_%ld"/
+backup_name|src/watchdog/conf_backup.cpp|s/std::to_string\(sec\) \+ "\." \+/std::to_string(sec) + "_" +/
 client_param_order|src/client/vantrel_lib.cpp|s/m_rename_item, "\(ss\)", or_empty\(from\),\n(\s*)or_empty\(to\)/m_rename_item, "(ss)", or_empty(to),\n$1or_empty(from)/
 decoder_member|src/client/vantrel_io.cpp|s/"cookie", cookie\.out\(\), "loop"/"cookies", cookie.out(), "loop"/
 log_level|src/watchdog/ctl_setfield.cpp|s/LOG_INFO, "%s: will reboot"/LOG_ERROR, "%s: will reboot"/
 element_port|src/watchdog/ctl_status_methods.cpp|s/\{21, 36001\}/{21, 36000}/
-term_signal|src/watchdog/ctl_setfield.cpp|s/watchdog_os\.kill\(record\.pid, SIGINT\)/watchdog_os.kill(record.pid, SIGTERM)/
+term_signal|src/watchdog/app_life.cpp|s/os_kill_group\(record\.pid, SIGINT\)/os_kill_group(record.pid, SIGTERM)/
 std_chunk|src/watchdog/ctl_output_methods.cpp|s/start \+ CTL_STD_CHUNK_MAX :/start + CTL_STD_CHUNK_MAX - 1 :/
 sched_sort|src/client/vantrel_sched.cpp|s/(selection_sort\(items, count, \[\]\(const vantrel_sched_item\* a, const vantrel_sched_item\* b\) \{\n\s*return [^;]*?)</$1>/
 LIST

@@ -31,7 +31,7 @@ using method_fn = xmlrpc_value* (*)(xmlrpc_env*, xmlrpc_value*, void*, void*);
 std::string g_effects;   // what the fake runner and the fake kill were asked to do
 int record_command(const char* command) { return g_effects += std::string(" run(") + command + ")", 0; }
 // A stop signals the child or its whole process group (a negative pid): both show as the child.
-int record_kill(pid_t pid, int sig) { return g_effects += " kill(" + std::to_string(std::abs(pid)) + "," + std::to_string(sig) + ")", 0; }
+int record_kill(pid_t pid, int sig) { return g_effects += " kill(" + std::to_string(pid) + "," + std::to_string(sig) + ")", 0; }
 const bool g_fake_runner = (system_runner_set(record_command), true);
 
 struct Ctl : ::testing::Test {
