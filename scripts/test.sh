@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test in four passes:
+# Sets everything up and runs every test in three passes:
 #   1. the normal build (build/) and the whole suite;
 #   2. the whole suite again built with AddressSanitizer + UBSan (build-asan/);
-#   3. the tests labelled "threads" built with ThreadSanitizer (build-tsan/);
-#   4. every fuzz target once over its committed corpus, a regression check
-#      (build-fuzz/, tests/fuzz/run_fuzzers.sh); long fuzzing is scripts/nightly.sh.
+#   3. the tests labelled "threads" built with ThreadSanitizer (build-tsan/).
+# The suite includes every fuzz target replaying its committed corpus once
+# (ctest fuzz.*), a regression check; long fuzzing is scripts/nightly.sh.
 # Sanitizer reports of every process, the supervisor under the end-to-end tests
 # included, go to files under build-*/sanitizer-reports/; any report fails its pass.
 #
-#   SKIP_SANITIZERS=1  only the normal suite and the fuzzers
-#   SKIP_FUZZ=1        no fuzzers
-#   FUZZ_SECONDS=N     fuzz each target for N seconds instead of the corpus run
+#   SKIP_SANITIZERS=1  only the normal suite
 #   BUILD_ROOT=DIR     where the build directories go (default: the checkout)
 #
 # Ends with the sum over all passes, "total: N passed, N failed", and the
@@ -120,22 +118,6 @@ if [ -z "${SKIP_SANITIZERS:-}" ]; then
     "${sanitizer_flags[@]}" -DVANTREL_TSAN=ON
   unset TSAN_OPTIONS
   count_reports tsan "$reports"
-fi
-
-# 4. Fuzzers: each target over its committed corpus.
-if [ -z "${SKIP_FUZZ:-}" ]; then
-  mkdir -p "$out/build-fuzz"
-  fuzz_log="$out/build-fuzz/run.log"
-  FUZZ_BUILD_DIR="$out/build-fuzz" bash tests/fuzz/run_fuzzers.sh 2>&1 | tee "$fuzz_log"
-  line=$(grep -E "^fuzz: [0-9]+ passed, [0-9]+ failed" "$fuzz_log" | tail -1)
-  if [ -n "$line" ]; then
-    p=$(sed -E 's/fuzz: ([0-9]+) passed, ([0-9]+) failed/\1/' <<<"$line")
-    f=$(sed -E 's/fuzz: ([0-9]+) passed, ([0-9]+) failed/\2/' <<<"$line")
-    total_passed=$((total_passed + p)); total_failed=$((total_failed + f))
-    report+=("fuzz: $p passed, $f failed")
-  else
-    total_failed=$((total_failed + 1)); report+=("fuzz: no summary")
-  fi
 fi
 
 echo
