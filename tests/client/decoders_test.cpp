@@ -220,7 +220,7 @@ value edited(xmlrpc_value* structure, const std::string& key, xmlrpc_value* repl
     for (int i = 0; i < xmlrpc_struct_size(env.get(), structure); ++i) {
         value k, member;
         xmlrpc_struct_read_member(env.get(), structure, i, k.out(), member.out());
-        std::string name = render(k.get(), true).substr(1);
+        std::string name = render(k.get()).substr(1);
         name.pop_back();
         if (name != key) xmlrpc_struct_set_value(env.get(), copy.get(), name.c_str(), member.get());
         else if (replacement) xmlrpc_struct_set_value(env.get(), copy.get(), name.c_str(), replacement);
@@ -235,7 +235,7 @@ std::vector<std::string> keys_of(xmlrpc_value* structure)
     for (int i = 0; i < xmlrpc_struct_size(env.get(), structure); ++i) {
         value key, member;
         xmlrpc_struct_read_member(env.get(), structure, i, key.out(), member.out());
-        keys.push_back(render(key.get(), true).substr(1));
+        keys.push_back(render(key.get()).substr(1));
         keys.back().pop_back();
     }
     return keys;

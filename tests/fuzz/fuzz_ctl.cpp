@@ -42,18 +42,16 @@ constexpr pid_t FAKE_PID = 0x7ffffff0;  // no real process has a pid this large
 instance* g_inst = nullptr;
 xmlrpc_registry* g_registry = nullptr;
 
+// The only commands the control interface may ever ask for.
 int fake_system(const char* command)
 {
-    // The only commands the control interface may ever ask for.
-    if (strcmp(command, "/usr/sbin/reboot") != 0 && strcmp(command, "/usr/sbin/halt -f -p") != 0) abort();
-    return 0;
+    return strcmp(command, "/usr/sbin/reboot") && strcmp(command, "/usr/sbin/halt -f -p") ? (abort(), 1) : 0;
 }
 
+// Only the invented child (or its group) may be signalled, and only to terminate.
 int fake_kill(pid_t pid, int sig)
 {
-    // Only the invented child (or its group) may be signalled, and only to terminate.
-    if ((pid != FAKE_PID && pid != -FAKE_PID) || (sig != SIGINT && sig != SIGKILL)) abort();
-    return 0;
+    return (pid != FAKE_PID && pid != -FAKE_PID) || (sig != SIGINT && sig != SIGKILL) ? (abort(), 1) : 0;
 }
 
 pid_t fake_fork() { abort(); }   // a launch from a control method would be a fault of its own
@@ -101,15 +99,9 @@ struct builder {
 
     int32_t integer()
     {
-        switch (in.u8() % 8) {
-        case 0: return -1;
-        case 1: return inst->cnt;
-        case 2: return inst->cnt - 1;
-        case 3: return INT32_MIN;
-        case 4: return INT32_MAX;
-        case 5: return static_cast<int32_t>(in.u32());
-        default: return in.u8() % 8;
-        }
+        const int32_t picks[] = {-1, inst->cnt, inst->cnt - 1, INT32_MIN, INT32_MAX};
+        uint8_t kind = in.u8() % 8;
+        return kind < 5 ? picks[kind] : kind == 5 ? static_cast<int32_t>(in.u32()) : in.u8() % 8;
     }
 
     xmlrpc_value* value(xmlrpc_env* env, int depth)
@@ -119,18 +111,14 @@ struct builder {
         case 0:
         case 1: return xmlrpc_int_new(env, integer());
         case 2: return xmlrpc_i8_new(env, (kind & 0x80) ? integer() : static_cast<int64_t>(in.u32()) << 32 | in.u32());
-        case 3:
-        case 4:
-        case 5: return text_value(env, text());
         case 6: {
             std::string s = in.bytes(in.u8());
             return xmlrpc_base64_new(env, s.size(), reinterpret_cast<const unsigned char*>(s.data()));
         }
         case 7: return depth < NEST_MAX ? array(env, depth + 1, in.u8() % ITEMS_MAX) : xmlrpc_nil_new(env);
         case 8: {
-            if (depth >= NEST_MAX) return xmlrpc_bool_new(env, kind & 0x80);
             xmlrpc_value* st = xmlrpc_struct_new(env);
-            for (int i = in.u8() % 4; i > 0 && !env->fault_occurred; i--) {
+            for (int i = depth < NEST_MAX ? in.u8() % 4 : 0; i > 0 && !env->fault_occurred; i--) {
                 xmlrpc_value_ref member(value(env, depth + 1));
                 if (env->fault_occurred) break;
                 xmlrpc_value_ref key(text_value(env, text()));   // made here: the library's own conversion
@@ -138,7 +126,8 @@ struct builder {
             }
             return st;
         }
-        default: return (kind & 0x80) ? xmlrpc_double_new(env, in.u32() / 7.0) : xmlrpc_bool_new(env, kind & 1);
+        case 9: return (kind & 0x80) ? xmlrpc_double_new(env, in.u32() / 7.0) : xmlrpc_bool_new(env, kind & 1);
+        default: return text_value(env, text());
         }
     }
 
@@ -159,28 +148,19 @@ struct builder {
         if (in.u8() & 1) return array(env, 0, in.u8() % PARAMS_MAX);
         xmlrpc_value* arr = xmlrpc_array_new(env);
         auto add = [&](xmlrpc_value* v) {
-            xmlrpc_value_ref owned(v);
-            if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, v);
+            if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, xmlrpc_value_ref(v).get());
         };
         auto texts = [&](int n) { for (int i = 0; i < n; i++) add(text_value(env, text())); };
-        if (method >= 2 && method <= 4) add(xmlrpc_int_new(env, integer()));
-        switch (method) {
-        case 2: texts(3); break;   // SetField (isss)
-        case 3: texts(1); break;   // GetItem (is)
-        case 4:                    // SetItem (isssssssAA*)
-            texts(7);
-            add(array(env, NEST_MAX, in.u8() % ITEMS_MAX));
-            add(array(env, NEST_MAX, in.u8() % ITEMS_MAX));
-            break;
-        case 6:   // GetStdXXXBuf (isIi) or (issi)
-            add(xmlrpc_int_new(env, integer()));
-            texts(1);
+        // SetField (isss), GetItem (is), SetItem (isssssssAA*), GetStdXXXBuf (isIi) or (issi), GetAuth (ss);
+        // the listing methods take nothing.
+        if ((method >= 2 && method <= 4) || method == 6) add(xmlrpc_int_new(env, integer()));
+        texts(method == 2 ? 3 : method == 3 || method == 6 ? 1 : method == 4 ? 7 : method == 7 ? 2 : 0);
+        if (method == 4)
+            for (int i = 0; i < 2; i++) add(array(env, NEST_MAX, in.u8() % ITEMS_MAX));
+        if (method == 6) {
             if (in.u8() & 1) texts(1);
             else add(xmlrpc_i8_new(env, static_cast<int64_t>(in.u32()) - 0x7fffffff));
             add(xmlrpc_int_new(env, in.u8() % 2 ? integer() : in.u8() % 4));
-            break;
-        case 7: texts(2); break;   // GetAuth (ss)
-        default: break;            // the listing methods take nothing
         }
         return arr;
     }
@@ -205,8 +185,7 @@ void populate(instance* inst)
     app* live = inst->apps[0];
     live->pid = FAKE_PID;
     live->started = 1;
-    std::string out(8000, 'o');
-    for (int i = 0; i < 5; i++) std_ring_append(live->std_bufs[1], out.data(), out.size());
+    for (int i = 0; i < 5; i++) std_ring_append(live->std_bufs[1], std::string(8000, 'o').data(), 8000);
     std_ring_append(live->std_bufs[2], "err\n", 4);
     inst->web_auth_secret.set("secret");
 }
@@ -222,17 +201,12 @@ void call(const char* xml, size_t size)
 
     if (g_inst->cnt < 0 || g_inst->cnt > APPS_MAX) abort();
     std::set<uint64_t> handles;
-    for (int i = 0; i < g_inst->cnt; i++) {
+    for (int i = 0; i < APPS_MAX; i++) {
         const app* a = g_inst->apps[i];
-        if (!a || a->handle == 0 || !handles.insert(a->handle).second) abort();
-        if (a->type < 0 || a->type >= APP_TYPES_CNT) abort();
-        for (const auto& ring : a->std_bufs)
-            if (ring.tail < ring.head || ring.tail - ring.head > STD_BUF_SIZE) abort();
-        if (a->alias.size() > TEXT_FIELD_MAX || a->envs.size() > APP_ENVS_MAX || a->raws.size() > APP_RAWS_MAX)
+        if (i >= g_inst->cnt ? a != nullptr : !a || !a->handle || !handles.insert(a->handle).second) abort();
+        if (a && (a->type < 0 || a->type >= APP_TYPES_CNT || a->envs.size() > APP_ENVS_MAX || a->raws.size() > APP_RAWS_MAX))
             abort();
     }
-    for (int i = g_inst->cnt; i < APPS_MAX; i++)
-        if (g_inst->apps[i]) abort();
 }
 
 }   // namespace
@@ -245,13 +219,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     watchdog_os.kill = fake_kill;
     xmlInitParser();
     xmlrpc_fault_guard_install();   // as ctl_init does: the library's own i8 fault would crash
-    if (instance_create(&g_inst) != 0) abort();
     xmlrpc_env_guard env;
-    g_registry = xmlrpc_registry_new(env.get());
-    if (env.failed() || !g_registry) abort();
+    if (instance_create(&g_inst) != 0 || !(g_registry = xmlrpc_registry_new(env.get()))) abort();
     ctl_register_methods(env.get(), g_registry, g_inst);
-    if (env.failed()) abort();
-    return 0;
+    return env.failed() ? (abort(), 1) : 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -269,7 +240,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         xmlrpc_value_ref params(b.params(env.get(), method));
         if (env.failed() || !params) continue;
         xmlrpc_mem_block* request = XMLRPC_MEMBLOCK_NEW(char, env.get(), 0);
-        if (env.failed()) continue;
         xmlrpc_serialize_call(env.get(), request, (std::string("VantrelWatchdog.") + METHODS[method]).c_str(),
                               params.get());
         if (!env.failed()) call(XMLRPC_MEMBLOCK_CONTENTS(char, request), XMLRPC_MEMBLOCK_SIZE(char, request));

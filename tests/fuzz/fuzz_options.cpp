@@ -39,22 +39,14 @@ std::string expand(const std::string& text)
     std::string out;
     int refs = 0;
     for (size_t i = 0; i < text.size(); i++) {
-        if (text[i] == '@' && i + 1 < text.size() && refs < REFS_PER_SEGMENT) {
-            char c = text[i + 1];
-            if (c >= '0' && c < '0' + FILES) {
-                out += file_path(c - '0');
-                refs++;
-                i++;
-                continue;
-            }
-            if (c == '9' || c == 'd') {
-                out += c == '9' ? g_dir + "/missing.conf" : g_dir;
-                refs++;
-                i++;
-                continue;
-            }
+        char c = i + 1 < text.size() && text[i] == '@' && refs < REFS_PER_SEGMENT ? text[i + 1] : 0;
+        bool numbered = c >= '0' && c < '0' + FILES;
+        if (numbered || c == '9' || c == 'd') {
+            out += numbered ? file_path(c - '0') : c == '9' ? g_dir + "/missing.conf" : g_dir;
+            refs++, i++;
+        } else {
+            out += text[i];
         }
-        out += text[i];
     }
     return out;
 }
@@ -62,9 +54,7 @@ std::string expand(const std::string& text)
 void write_file(const std::string& path, const std::string& content)
 {
     FILE* f = fopen(path.c_str(), "wb");
-    if (!f) abort();
-    fwrite(content.data(), 1, content.size(), f);
-    fclose(f);
+    if (!f || fwrite(content.data(), 1, content.size(), f) != content.size() || fclose(f) != 0) abort();
 }
 
 void check_capacities(const instance* inst)
@@ -123,21 +113,18 @@ void check_round_trip(instance* inst)
     std::vector<char*> argv = {const_cast<char*>("fuzz"), path.data(), nullptr};
     instance_opts(again, 2, argv.data());
 
-    if (again->cnt != inst->cnt) abort();
-    if (again->port != inst->port || again->log_rotate_interval != inst->log_rotate_interval) abort();
-    if ((again->debug != 0) != (inst->debug != 0) || again->demonize != inst->demonize) abort();
+    if (again->cnt != inst->cnt || again->port != inst->port || again->log_rotate_interval != inst->log_rotate_interval ||
+        !again->debug != !inst->debug || again->demonize != inst->demonize)
+        abort();
     expect_same("--instance-name=", inst->instance_name, again->instance_name);
     expect_same("--log-file-name=", inst->log_file_name, again->log_file_name);
     for (int i = 0; i < inst->cnt; i++) {
         const app& a = *inst->apps[i];
         const app& b = *again->apps[i];
-        if (a.type != b.type) abort();
-        if ((a.f_respawn != 0) != (b.f_respawn != 0) || (a.f_autorun != 0) != (b.f_autorun != 0)) abort();
+        if (a.type != b.type || !a.f_respawn != !b.f_respawn || !a.f_autorun != !b.f_autorun) abort();
         expect_same(std::string("--") + app_types[a.type].name + "=", a.config, b.config);
-        const std::pair<const char*, const bounded_str app::*> fields[] = {
-            {"--alias=", &app::alias}, {"--thumb=", &app::thumb}, {"--bin-path=", &app::bin_path},
-            {"--numa-bind=", &app::numa_bind}};
-        for (const auto& [prefix, field] : fields) expect_same(prefix, a.*field, b.*field);
+        expect_same("--alias=", a.alias, b.alias), expect_same("--thumb=", a.thumb, b.thumb);
+        expect_same("--bin-path=", a.bin_path, b.bin_path), expect_same("--numa-bind=", a.numa_bind, b.numa_bind);
         expect_same_list("--env=", a.envs, b.envs);
         expect_same_list("--raw=", a.raws, b.raws);
     }
@@ -167,26 +154,18 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    std::vector<std::string> segments(1);
+    std::vector<std::string> segments(1), args = {"fuzz", ""};
     for (size_t i = 0; i < size; i++) {
-        if (data[i] == 0 && segments.size() < 1 + FILES)
-            segments.emplace_back();
-        else
-            segments.back() += static_cast<char>(data[i]);
+        if (data[i] == 0 && segments.size() < 1 + FILES) segments.emplace_back();
+        else segments.back() += static_cast<char>(data[i]);
     }
     segments.resize(1 + FILES);
     for (int i = 0; i < FILES; i++) write_file(file_path(i), expand(segments[1 + i]));
-
-    std::vector<std::string> args = {"fuzz"};
-    std::string line;
-    for (char c : expand(segments[0]) + "\n") {
-        if (c != '\n') {
-            line += c;
-            continue;
-        }
-        if (!line.empty() && args.size() < ARGS_MAX) args.push_back(line);
-        line.clear();
+    for (char c : expand(segments[0])) {   // one argument per line, blank lines skipped
+        if (c != '\n') args.back() += c;
+        else if (!args.back().empty() && args.size() < ARGS_MAX) args.emplace_back();
     }
+    if (args.back().empty()) args.pop_back();
     if (args.size() == 1) args.push_back(file_path(0));
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
