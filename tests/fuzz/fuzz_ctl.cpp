@@ -35,7 +35,6 @@ namespace {
 constexpr uint8_t SCRIPT_MARK = 0x01;
 constexpr int CALLS_MAX = 8;
 constexpr int PARAMS_MAX = 12;          // SetItem takes ten; a few more test the tail
-constexpr int NEST_MAX = 3;             // arrays and structs inside parameters
 constexpr int ITEMS_MAX = 140;          // enough to overfill the 128 raws
 constexpr pid_t FAKE_PID = 0x7ffffff0;  // no real process has a pid this large
 
@@ -104,38 +103,26 @@ struct builder {
         return kind < 5 ? picks[kind] : kind == 5 ? static_cast<int32_t>(in.u32()) : in.u8() % 8;
     }
 
-    xmlrpc_value* value(xmlrpc_env* env, int depth)
+    // Any scalar, or (outside arrays) an array of them; deeper nesting, structs
+    // and byte strings come with the raw documents.
+    xmlrpc_value* value(xmlrpc_env* env, bool in_array)
     {
         uint8_t kind = in.u8();
-        switch (kind % 10) {
-        case 0:
-        case 1: return xmlrpc_int_new(env, integer());
-        case 2: return xmlrpc_i8_new(env, (kind & 0x80) ? integer() : static_cast<int64_t>(in.u32()) << 32 | in.u32());
-        case 6: {
-            std::string s = in.bytes(in.u8());
-            return xmlrpc_base64_new(env, s.size(), reinterpret_cast<const unsigned char*>(s.data()));
-        }
-        case 7: return depth < NEST_MAX ? array(env, depth + 1, in.u8() % ITEMS_MAX) : xmlrpc_nil_new(env);
-        case 8: {
-            xmlrpc_value* st = xmlrpc_struct_new(env);
-            for (int i = depth < NEST_MAX ? in.u8() % 4 : 0; i > 0 && !env->fault_occurred; i--) {
-                xmlrpc_value_ref member(value(env, depth + 1));
-                if (env->fault_occurred) break;
-                xmlrpc_value_ref key(text_value(env, text()));   // made here: the library's own conversion
-                if (!env->fault_occurred) xmlrpc_struct_set_value_v(env, st, key.get(), member.get());
-            }
-            return st;
-        }
-        case 9: return (kind & 0x80) ? xmlrpc_double_new(env, in.u32() / 7.0) : xmlrpc_bool_new(env, kind & 1);
+        switch (kind % 8) {
+        case 0: return xmlrpc_int_new(env, integer());
+        case 1: return xmlrpc_i8_new(env, (kind & 0x80) ? integer() : static_cast<int64_t>(in.u32()) << 32 | in.u32());
+        case 2: return (kind & 0x80) ? xmlrpc_double_new(env, in.u32() / 7.0) : xmlrpc_bool_new(env, kind & 1);
+        case 3: return in_array ? xmlrpc_nil_new(env) : array(env, in.u8() % ITEMS_MAX, SCALARS);
         default: return text_value(env, text());
         }
     }
 
-    xmlrpc_value* array(xmlrpc_env* env, int depth, int items)
+    enum contents { TEXTS, SCALARS, VALUES };
+    xmlrpc_value* array(xmlrpc_env* env, int items, int contents)
     {
         xmlrpc_value* arr = xmlrpc_array_new(env);
         for (int i = 0; i < items && !env->fault_occurred; i++) {
-            xmlrpc_value_ref item(value(env, depth));
+            xmlrpc_value_ref item(contents == TEXTS ? text_value(env, text()) : value(env, contents == SCALARS));
             if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, item.get());
         }
         return arr;
@@ -145,7 +132,7 @@ struct builder {
     // past decoding; the rest are arbitrary arrays.
     xmlrpc_value* params(xmlrpc_env* env, int method)
     {
-        if (in.u8() & 1) return array(env, 0, in.u8() % PARAMS_MAX);
+        if (in.u8() & 1) return array(env, in.u8() % PARAMS_MAX, VALUES);
         xmlrpc_value* arr = xmlrpc_array_new(env);
         auto add = [&](xmlrpc_value* v) {
             if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, xmlrpc_value_ref(v).get());
@@ -156,7 +143,7 @@ struct builder {
         if ((method >= 2 && method <= 4) || method == 6) add(xmlrpc_int_new(env, integer()));
         texts(method == 2 ? 3 : method == 3 || method == 6 ? 1 : method == 4 ? 7 : method == 7 ? 2 : 0);
         if (method == 4)
-            for (int i = 0; i < 2; i++) add(array(env, NEST_MAX, in.u8() % ITEMS_MAX));
+            for (int i = 0; i < 2; i++) add(array(env, in.u8() % ITEMS_MAX, in.u8() & 1 ? SCALARS : TEXTS));
         if (method == 6) {
             if (in.u8() & 1) texts(1);
             else add(xmlrpc_i8_new(env, static_cast<int64_t>(in.u32()) - 0x7fffffff));
