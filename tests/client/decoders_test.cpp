@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,15 @@ struct decoder_case {
     std::set<std::string> optional = {};
 };
 
+// The texts and numbers side by side, as one string.
+template <typename... T>
+std::string cat(const T&... parts)
+{
+    std::ostringstream out;
+    (out << ... << parts);
+    return out.str();
+}
+
 #define ELEMENT(...) [] { return build(__VA_ARGS__); }
 #define DECODE(...) [](xmlrpc_env* env, xmlrpc_value* el) -> outcome { __VA_ARGS__; }
 
@@ -54,14 +64,14 @@ outcome state(int result, xmlrpc_env* env, xmlrpc_value* el)
 {
     vantrel_sched_state st{};
     int rc = vantrel_sched_get_state_decode(env, build("{s:i,s:V}", "result", result, "state", el).get(), &st);
-    return {rc, std::string(st.s_now) + (result ? st.s_end : st.s_next) + std::to_string(st.t_now)};
+    return {rc, cat(st.s_now, result ? st.s_end : st.s_next, st.t_now)};
 }
 
 outcome overlays(int level, xmlrpc_env* env, xmlrpc_value* el)
 {
     vantrel_lib_overlay** l = nullptr;
     int rc = vantrel_lib_list_overlays_level(env, build("(V)", el).get(), level, &l);
-    std::string text = l && l[0] ? std::string(l[0]->path) + l[0]->name + std::to_string(l[0]->count) : "";
+    std::string text = l && l[0] ? cat(l[0]->path, l[0]->name, l[0]->count) : "";
     vantrel_lib_overlays_free(&l);
     return {rc, text};
 }
@@ -70,8 +80,8 @@ outcome modes(xmlrpc_env* env, xmlrpc_value* mode)
 {
     vantrel_io_mode** m = nullptr;
     int rc = vantrel_io_settings_get_modes_decode(env, listed(mode).get(), &m);
-    std::string text = rc > 0 ? std::string(m[0]->name) + m[0]->desc + std::to_string(m[0]->idx) : "";
-    if (rc > 0 && m[0]->submodes_cnt > 0) text += std::string("/") + m[0]->submodes[0]->desc;
+    std::string text = rc > 0 ? cat(m[0]->name, m[0]->desc, m[0]->idx) : "";
+    if (rc > 0 && m[0]->submodes_cnt > 0) text += cat("/", m[0]->submodes[0]->desc);
     if (m) vantrel_io_settings_modes_free(&m);
     return {rc, text};
 }
@@ -79,60 +89,53 @@ outcome modes(xmlrpc_env* env, xmlrpc_value* mode)
 std::vector<decoder_case> cases()
 {
     return {
-        {"ft target", ELEMENT("{s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s}", "id", "1", "type", "ftp", "title", "T", "host", "h",
-                              "port", "21", "path", "/p", "login", "l", "passw", "pw"),
+        {"ft target", ELEMENT("{s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s}", "id", "1", "type", "ftp", "title", "T", "host", "h", "port", "21",
+                              "path", "/p", "login", "l", "passw", "pw"),
          DECODE(vantrel_ft_target t{}; int rc = vantrel_ft_target_decompose(env, el, &t);
-                return {rc, std::string(t.id) + t.type + t.title + t.host + t.port + t.path + t.login + t.passw}),
-         {0, "1ftpTh21/plpw"}},
-        {"ft request", ELEMENT("{s:i,s:s,s:i,s:i,s:s,s:s,s:i,s:i,s:s,s:I,s:I}", "id", 1, "target", "t", "f_delete", 1,
-                               "f_import", 0, "object_local", "l", "object_remote", "r", "progress", 5, "state", 2, "error",
-                               "e", "updated", xmlrpc_int64{7}, "created", xmlrpc_int64{6}),
+                return {rc, cat(t.id, t.type, t.title, t.host, t.port, t.path, t.login, t.passw)}), {0, "1ftpTh21/plpw"}},
+        {"ft request", ELEMENT("{s:i,s:s,s:i,s:i,s:s,s:s,s:i,s:i,s:s,s:I,s:I}", "id", 1, "target", "t", "f_delete", 1, "f_import", 0,
+                               "object_local", "l", "object_remote", "r", "progress", 5, "state", 2, "error", "e", "updated",
+                               xmlrpc_int64{7}, "created", xmlrpc_int64{6}),
          DECODE(vantrel_ft_request r{}; int rc = vantrel_ft_request_decompose(env, el, &r);
-                return {rc, std::string(r.target) + r.object_local + r.object_remote + r.error +
-                                std::to_string(r.id * 1000000 + r.f_delete * 100000 + r.progress * 1000 + r.state * 100 +
-                                               r.updated * 10 + r.created)}),
+                return {rc, cat(r.target, r.object_local, r.object_remote, r.error, r.id, r.f_delete, r.f_import, r.progress, r.state,
+                                r.updated, r.created)}),
          {0, "tlre1105276"}},
         {"transcode request",
-         ELEMENT("{s:i,s:I,s:I,s:i,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:i,s:i,s:s,s:s,s:i,s:s,s:s}", "id", 1, "updated",
-                 xmlrpc_int64{5}, "created", xmlrpc_int64{4}, "f_delete", 0, "src_object", "s", "src_local", "sl",
-                 "dst_object", "d", "dst_local", "dl", "in", "i", "dur", "u", "factory", "f", "profile", "p", "progress", 5,
-                 "state", 1, "error", "e", "audio_map", "0123", "audio_conf", 3, "timecode", "10:00", "osd", "logo"),
+         ELEMENT("{s:i,s:I,s:I,s:i,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:i,s:i,s:s,s:s,s:i,s:s,s:s}", "id", 1, "updated", xmlrpc_int64{5},
+                 "created", xmlrpc_int64{4}, "f_delete", 0, "src_object", "s", "src_local", "sl", "dst_object", "d", "dst_local", "dl",
+                 "in", "i", "dur", "u", "factory", "f", "profile", "p", "progress", 5, "state", 1, "error", "e", "audio_map", "0123",
+                 "audio_conf", 3, "timecode", "10:00", "osd", "logo"),
          DECODE(vantrel_ftc_request r{}; int rc = vantrel_ftc_request_decompose(env, el, &r);
-                return {rc, std::string(r.src_object) + r.src_local + r.dst_object + r.dst_local + r.in + r.dur +
-                                r.factory + r.profile + r.error + r.audio_map + r.timecode + r.osd + std::to_string(r.audio_conf)}),
-         {0, "sslddliufpe012310:00logo3"}},
+                return {rc, cat(r.src_object, r.src_local, r.dst_object, r.dst_local, r.in, r.dur, r.factory, r.profile, r.error,
+                                r.audio_map, r.timecode, r.osd, r.audio_conf, r.id, r.updated, r.created, r.f_delete, r.progress, r.state)}),
+         {0, "sslddliufpe012310:00logo3154051"}},
         {"schedule item",
-         ELEMENT("{s:i,s:i,s:i,s:i,s:s,s:s,s:I,s:I,s:I,s:I,s:I,s:I,s:I,s:s,s:s,s:i,s:s,s:s}", "duration", 1, "tc", 1, "id",
-                 2, "enabled", 1, "path", "p", "title", "t", "min", xmlrpc_int64{1}, "hour", xmlrpc_int64{2}, "day",
-                 xmlrpc_int64{3}, "weekday", xmlrpc_int64{4}, "month", xmlrpc_int64{5}, "year", xmlrpc_int64{6}, "calc",
-                 xmlrpc_int64{7}, "mode", "m", "enc", "e", "start_time", 15, "transfer", "ftp1", "prefix", "n_"),
+         ELEMENT("{s:i,s:i,s:i,s:i,s:s,s:s,s:I,s:I,s:I,s:I,s:I,s:I,s:I,s:s,s:s,s:i,s:s,s:s}", "duration", 1, "tc", 1, "id", 2, "enabled", 1,
+                 "path", "p", "title", "t", "min", xmlrpc_int64{1}, "hour", xmlrpc_int64{2}, "day", xmlrpc_int64{3}, "weekday",
+                 xmlrpc_int64{4}, "month", xmlrpc_int64{5}, "year", xmlrpc_int64{6}, "calc", xmlrpc_int64{7}, "mode", "m", "enc", "e",
+                 "start_time", 15, "transfer", "ftp1", "prefix", "n_"),
          DECODE(vantrel_sched_item* i = nullptr; int rc = vantrel_sched_item_decompose(env, el, &i);
-                std::string text = i ? std::string(i->path) + i->title + i->mode + i->enc + i->transfer + i->prefix +
-                                           std::to_string(i->min * 1000000 + i->hour * 100000 + i->day * 10000 +
-                                                          i->weekday * 1000 + i->month * 100 + i->year * 10 + i->calc)
-                                     : "";
+                std::string text = i ? cat(i->path, i->title, i->mode, i->enc, i->transfer, i->prefix, i->min, i->hour, i->day,
+                                           i->weekday, i->month, i->year, i->calc) : "";
                 free(i); return {rc, text}),
          {0, "ptmeftp1n_1234567"}, -14, {"start_time", "transfer", "prefix"}},
-        {"schedule log", ELEMENT("{s:i,s:i,s:i,s:s,s:I,s:I,s:s,s:s,s:i,s:s,s:s}", "duration", 60, "tc", 0, "status", 2,
-                                 "origin", "o", "start", xmlrpc_int64{9}, "calc", xmlrpc_int64{4}, "mode", "m", "enc", "e",
-                                 "start_time", 3, "transfer", "t", "prefix", "p"),
+        {"schedule log", ELEMENT("{s:i,s:i,s:i,s:s,s:I,s:I,s:s,s:s,s:i,s:s,s:s}", "duration", 60, "tc", 0, "status", 2, "origin", "o",
+                                 "start", xmlrpc_int64{9}, "calc", xmlrpc_int64{4}, "mode", "m", "enc", "e", "start_time", 3, "transfer",
+                                 "t", "prefix", "p"),
          DECODE(vantrel_sched_log* l = nullptr; int rc = vantrel_sched_log_decompose(env, el, &l);
                 std::string text = l ? std::string(l->origin) + l->mode + l->enc + l->transfer + l->prefix : "";
                 free(l); return {rc, text}),
          {0, "ometp"}},
         {"scheduler state, running",
-         ELEMENT("{s:i,s:i,s:s,s:I,s:s,s:I,s:s,s:I}", "status", 4, "duration", 600, "s_now", "12:00", "t_now",
-                 xmlrpc_int64{1000}, "s_start", "11:55", "t_start", xmlrpc_int64{700}, "s_end", "12:05", "t_end",
-                 xmlrpc_int64{1300}),
+         ELEMENT("{s:i,s:i,s:s,s:I,s:s,s:I,s:s,s:I}", "status", 4, "duration", 600, "s_now", "12:00", "t_now", xmlrpc_int64{1000},
+                 "s_start", "11:55", "t_start", xmlrpc_int64{700}, "s_end", "12:05", "t_end", xmlrpc_int64{1300}),
          DECODE(return state(1, env, el)), {1, "12:0012:051000"}},
         {"scheduler state, idle",
-         ELEMENT("{s:s,s:I,s:s,s:I}", "s_now", "13:00", "t_now", xmlrpc_int64{2000}, "s_next", "14:00", "t_next",
-                 xmlrpc_int64{5600}),
+         ELEMENT("{s:s,s:I,s:s,s:I}", "s_now", "13:00", "t_now", xmlrpc_int64{2000}, "s_next", "14:00", "t_next", xmlrpc_int64{5600}),
          DECODE(return state(0, env, el)), {0, "13:0014:002000"}},
-        {"name resolution", ELEMENT("{s:i,s:s,s:s,s:I}", "result", 0, "value", "v", "object", "o", "cache_shm_id",
-                                    xmlrpc_int64{7}),
+        {"name resolution", ELEMENT("{s:i,s:s,s:s,s:I}", "result", 0, "value", "v", "object", "o", "cache_shm_id", xmlrpc_int64{7}),
          DECODE(char v[VANTREL_STR_SIZE] = "stale", o[VANTREL_STR_SIZE] = "stale"; int32_t shm = 0;
-                int rc = vantrel_basename_item_decode(env, el, v, o, &shm); return {rc, std::string(v) + o + std::to_string(shm)}),
+                int rc = vantrel_basename_item_decode(env, el, v, o, &shm); return {rc, cat(v, o, shm)}),
          {0, "vo7"}},
         {"overlay name resolution", ELEMENT("{s:i,s:s}", "result", 0, "value", "v"),
          DECODE(char v[VANTREL_STR_SIZE] = ""; int rc = vantrel_lib_basename_overlay_decode(env, el, v); return {rc, v}),
@@ -142,27 +145,24 @@ std::vector<decoder_case> cases()
         {"overlay group", ELEMENT("{s:s,s:()}", "path", "g", "list"), DECODE(return overlays(0, env, el)), {1, "g0"}},
         {"subclip", ELEMENT("{s:i,s:i,s:s}", "mark_in", 1, "duration", 2, "title", "t"),
          DECODE(vantrel_lib_subclip** c = nullptr; int rc = vantrel_lib_list_subclips_decode(env, listed(el).get(), &c, 0);
-                std::string text = c && c[0] ? c[0]->title + std::to_string(c[0]->mark_in * 10 + c[0]->duration) : "";
+                std::string text = c && c[0] ? cat(c[0]->title, c[0]->mark_in, c[0]->duration) : "";
                 vantrel_lib_subclips_free(&c); return {rc, text}),
          {1, "t12"}},
         {"playout status",
-         ELEMENT("{s:i,s:i,s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:d,s:i,s:i,s:i}", "result", 0, "status", 1,
-                 "name", "clip", "cookie", "c", "loop", 0, "clip_length", 1, "clip_in", 2, "clip_dur", 3, "clip_pos", 4,
-                 "clip_start", 5, "clip_idx", 6, "playlist_gen", 1, "playlist_dur", 2, "playlist_pos", 3,
-                 "playlist_count", 4, "playlist_speed", 1.0, "rec_paused", 0, "tc_frames", 5, "tc_src", 6),
+         ELEMENT("{s:i,s:i,s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:d,s:i,s:i,s:i}", "result", 0, "status", 1, "name", "clip",
+                 "cookie", "c", "loop", 0, "clip_length", 1, "clip_in", 2, "clip_dur", 3, "clip_pos", 4, "clip_start", 5, "clip_idx", 6,
+                 "playlist_gen", 1, "playlist_dur", 2, "playlist_pos", 3, "playlist_count", 4, "playlist_speed", 1.0, "rec_paused", 0,
+                 "tc_frames", 5, "tc_src", 6),
          DECODE(vantrel_status s{}; int rc = vantrel_getstatus_decode(env, el, &s);
-                return {rc, std::string(s.name) + s.cookie +
-                                std::to_string(s.clip_length * 100000 + s.clip_in * 10000 + s.clip_dur * 1000 +
-                                               s.clip_pos * 100 + s.clip_start * 10 + s.clip_idx)}),
+                return {rc, cat(s.name, s.cookie, s.clip_length, s.clip_in, s.clip_dur, s.clip_pos, s.clip_start, s.clip_idx)}),
          {0, "clipc123456"}},
-        {"playlist item", ELEMENT("{s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i}", "name", "n", "cookie", "c", "length", 1, "in",
-                                  2, "dur", 3, "pos", 4, "start", 5, "idx", 6, "repeat", 7),
+        {"playlist item", ELEMENT("{s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i}", "name", "n", "cookie", "c", "length", 1, "in", 2, "dur", 3,
+                                  "pos", 4, "start", 5, "idx", 6, "repeat", 7),
          DECODE(vantrel_playlist_item* items = nullptr; int g = 0, p = 0, i = 0;
                 value answer = build("{s:i,s:i,s:i,s:i,s:(V)}", "result", 0, "gen", 1, "pos", 2, "idx", 3, "list", el);
                 int rc = vantrel_playlist_items_decode(env, answer.get(), &g, &p, &i, &items);
-                std::string text = rc > 0 ? items[0].name + std::string(items[0].cookie) +
-                                                std::to_string(items[0].in * 10 + items[0].dur) : "";
-                free(items); return {rc, text + std::to_string(g * 100 + p * 10 + i)}),
+                std::string text = rc > 0 ? cat(items[0].name, items[0].cookie, items[0].in, items[0].dur) : "";
+                free(items); return {rc, text + cat(g, p, i)}),
          {1, "nc23123"}, 0},
         {"font", ELEMENT("{s:s,s:s}", "family", "Sans", "style", "Bold"),
          DECODE(char** fonts = nullptr; int rc = vantrel_lib_tmpl_fonts_decode(env, "m", listed(el).get(), &fonts);
@@ -230,20 +230,18 @@ TEST(Decoders, ListingsComeInTheirPromisedOrder)
     vantrel_lib_meta** meta = nullptr;
     ASSERT_EQ(vantrel_lib_list_items_decode(env.get(), items.get(), "media/", &meta), 3);
     EXPECT_EQ(std::string(meta[0]->path) + meta[1]->path + meta[2]->path, "media/amedia/bmedia/C");
-    value dirs = build("{s:i,s:(VVV)}", "result", 0, "list", named("b").get(), named("C").get(), named("a").get());
     vantrel_lib_dir** d = nullptr;
-    ASSERT_EQ(vantrel_lib_list_dirs_decode(env.get(), dirs.get(), "m", &d), 3);
+    ASSERT_EQ(vantrel_lib_list_dirs_decode(env.get(), items.get(), "m", &d), 3);
     EXPECT_EQ(std::string(d[0]->name) + d[1]->name + d[2]->name + " " + d[0]->path, "Cba m/C");
     auto sched = [&env](int id, int calc) {
         value e = cases()[3].element();
         xmlrpc_struct_set_value(env.get(), e.get(), "id", build("i", id).get());
-        xmlrpc_struct_set_value(env.get(), e.get(), "calc", build("I", xmlrpc_int64{calc}).get());
-        return e;
+        return xmlrpc_struct_set_value(env.get(), e.get(), "calc", build("I", xmlrpc_int64{calc}).get()), e;
     };
     value list = build("{s:i,s:(VVV)}", "result", 0, "list", sched(1, 300).get(), sched(2, 100).get(), sched(3, 100).get());
     vantrel_sched_item** s = nullptr;
     ASSERT_EQ(vantrel_sched_item_list_decode(env.get(), list.get(), &s), 3);
-    EXPECT_EQ(std::to_string(s[0]->id) + std::to_string(s[1]->id) + std::to_string(s[2]->id), "231");
+    EXPECT_EQ(cat(s[0]->id, s[1]->id, s[2]->id), "231");
     for (int i = 0; i < 3; i++) free(meta[i]), free(d[i]), free(s[i]);
     free(meta), free(d), free(s);
 }

@@ -11,7 +11,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <xmlrpc-c/base.h>
 
@@ -30,26 +33,21 @@ constexpr int DEPTH_MAX = 4;    // the deepest answer (overlays) is three levels
 constexpr int MEMBERS_MAX = 12; // per array or struct
 constexpr int CAPACITY = 3;     // caller arrays of the record-list functions
 
-const char* const keys[] = {
-    "result", "list", "item", "name", "path", "value", "object", "cache_shm_id", "state",
-    "st_ino", "st_size", "st_mtime", "st_ctime", "st_atime", "format_name", "duration",
-    "duration_v", "duration_a", "nb_frames", "nb_streams", "width", "height",
-    "display_aspect_ratio", "sample_aspect_ratio", "r_frame_rate", "sample_fmt", "sample_rate",
-    "channels", "timecode", "subclips", "mark_in", "title", "thumb", "png", "size", "amend_idx",
-    "total_items", "free_space", "total_space", "used_space", "amend_list", "cue_cnt",
-    "cue_date", "tc", "id", "enabled", "min", "hour", "day", "weekday", "month", "year", "calc",
-    "mode", "enc", "start_time", "transfer", "prefix", "status", "origin", "start", "s_now",
-    "t_now", "s_start", "t_start", "s_end", "t_end", "s_next", "t_next", "type", "host", "port",
-    "login", "passw", "target", "f_import", "f_delete", "object_local", "object_remote",
-    "progress", "error", "updated", "created", "src_object", "src_local", "dst_object",
-    "dst_local", "in", "dur", "factory", "profile", "audio_map", "audio_conf", "osd", "gen",
-    "pos", "idx", "layers", "fonts", "modes", "submodes", "settings",
-    // supervisor replies
-    "ret", "amend", "ptr", "pid", "started", "terminated", "f_autorun", "f_respawn", "err", "alias",
-    "app_name", "version", "instance_name", "apps", "id_name", "config", "bin_path", "numa_bind",
-    "raws", "envs", "off", "head", "tail", "file_no", "buf", "session",
-};
-constexpr int KEY_COUNT = sizeof keys / sizeof keys[0];
+// The member names the decoders look for (the last line: supervisor replies).
+const std::vector<std::string> keys = [] {
+    std::istringstream names(
+        "result list item name path value object cache_shm_id state st_ino st_size st_mtime st_ctime st_atime format_name duration "
+        "duration_v duration_a nb_frames nb_streams width height display_aspect_ratio sample_aspect_ratio r_frame_rate sample_fmt sample_rate "
+        "channels timecode subclips mark_in title thumb png size amend_idx total_items free_space total_space used_space amend_list cue_cnt "
+        "cue_date tc id enabled min hour day weekday month year calc mode enc start_time transfer prefix status origin start s_now t_now "
+        "s_start t_start s_end t_end s_next t_next type host port login passw target f_import f_delete object_local object_remote progress "
+        "error updated created src_object src_local dst_object dst_local in dur factory profile audio_map audio_conf osd gen pos idx layers "
+        "fonts modes submodes settings cookie loop clip_length clip_in clip_dur clip_pos clip_start clip_idx playlist_gen playlist_dur "
+        "playlist_pos playlist_count playlist_speed rec_paused tc_frames tc_src length repeat family style desc osds count "
+        "ret amend ptr pid started terminated f_autorun f_respawn err alias app_name version instance_name apps id_name config bin_path "
+        "numa_bind raws envs off head tail file_no buf session ");
+    return std::vector<std::string>(std::istream_iterator<std::string>(names), {});
+}();
 
 const char* const texts[] = {
     "", "0", "0.0", "1.5", "-3", "30000/1001", "16:9", "4", "x/2", "1:", "nan", "1e999",
@@ -68,7 +66,7 @@ xmlrpc_value* build_compound(xmlrpc_env* env, byte_reader& in, int depth, bool i
     if (with_result) xmlrpc_struct_set_value(env, v, "result", xmlrpc_value_ref(xmlrpc_int_new(env, int8_t(in.u8()))).get());
     for (int i = in.u8() % (MEMBERS_MAX + 1); i > 0 && !env->fault_occurred; --i) {
         uint8_t pick = is_struct ? in.u8() : 0;
-        std::string key = pick < 240 ? keys[pick % KEY_COUNT] : in.bytes(in.u8() % 17);
+        std::string key = pick < 240 ? keys[pick % keys.size()] : in.bytes(in.u8() % 17);
         for (char& c : key) c = static_cast<char>(' ' + static_cast<unsigned char>(c) % 95);
         xmlrpc_value_ref member(build(env, in, depth + 1));
         if (env->fault_occurred) break;
@@ -117,12 +115,7 @@ int count_names(xmlrpc_env* env, xmlrpc_value* item, void* ctx, int, int)
 }
 
 // Each decoder gets a fresh environment, as after a successful call.
-#define DECODE(...)                         \
-    do {                                    \
-        xmlrpc_env_guard guard;             \
-        xmlrpc_env* env = guard.get();      \
-        __VA_ARGS__;                        \
-    } while (0)
+#define DECODE(...) { xmlrpc_env_guard guard; xmlrpc_env* env = guard.get(); __VA_ARGS__; }
 
 void decode_everything(xmlrpc_value* a)
 {

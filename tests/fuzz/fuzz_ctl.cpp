@@ -85,10 +85,10 @@ struct builder {
         switch (kind % 6) {
         case 0: return WORDS[in.u8() % (sizeof WORDS / sizeof WORDS[0])];
         case 1: {   // a live handle, in either case, with or without 0x
-            if (inst->cnt == 0) return "1";
-            char text[32];
-            snprintf(text, sizeof text, (kind & 0x40) ? "%s%lX" : "%s%lx", (kind & 0x80) ? "0x" : "",
-                     static_cast<unsigned long>(inst->apps[in.u8() % inst->cnt]->handle));
+            char text[32] = "1";
+            if (inst->cnt > 0)
+                snprintf(text, sizeof text, (kind & 0x40) ? "%s%lX" : "%s%lx", (kind & 0x80) ? "0x" : "",
+                         static_cast<unsigned long>(inst->apps[in.u8() % inst->cnt]->handle));
             return text;
         }
         case 2: return std::string(4090 + in.u8() % 16, 'a' + in.u8() % 26);   // around the field size
