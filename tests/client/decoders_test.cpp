@@ -236,7 +236,8 @@ TEST(Decoders, ListingsComeInTheirPromisedOrder)
     auto sched = [&env](int id, int calc) {
         value e = cases()[3].element();
         xmlrpc_struct_set_value(env.get(), e.get(), "id", build("i", id).get());
-        return xmlrpc_struct_set_value(env.get(), e.get(), "calc", build("I", xmlrpc_int64{calc}).get()), e;
+        xmlrpc_struct_set_value(env.get(), e.get(), "calc", build("I", xmlrpc_int64{calc}).get());
+        return e;
     };
     value list = build("{s:i,s:(VVV)}", "result", 0, "list", sched(1, 300).get(), sched(2, 100).get(), sched(3, 100).get());
     vantrel_sched_item** s = nullptr;
