@@ -98,8 +98,7 @@ std::vector<decoder_case> cases()
                                xmlrpc_int64{7}, "created", xmlrpc_int64{6}),
          DECODE(vantrel_ft_request r{}; int rc = vantrel_ft_request_decompose(env, el, &r);
                 return {rc, cat(r.target, r.object_local, r.object_remote, r.error, r.id, r.f_delete, r.f_import, r.progress, r.state,
-                                r.updated, r.created)}),
-         {0, "tlre1105276"}},
+                                r.updated, r.created)}), {0, "tlre1105276"}},
         {"transcode request",
          ELEMENT("{s:i,s:I,s:I,s:i,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:s,s:i,s:i,s:s,s:s,s:i,s:s,s:s}", "id", 1, "updated", xmlrpc_int64{5},
                  "created", xmlrpc_int64{4}, "f_delete", 0, "src_object", "s", "src_local", "sl", "dst_object", "d", "dst_local", "dl",
@@ -117,15 +116,13 @@ std::vector<decoder_case> cases()
          DECODE(vantrel_sched_item* i = nullptr; int rc = vantrel_sched_item_decompose(env, el, &i);
                 std::string text = i ? cat(i->path, i->title, i->mode, i->enc, i->transfer, i->prefix, i->min, i->hour, i->day,
                                            i->weekday, i->month, i->year, i->calc) : "";
-                free(i); return {rc, text}),
-         {0, "ptmeftp1n_1234567"}, -14, {"start_time", "transfer", "prefix"}},
+                free(i); return {rc, text}), {0, "ptmeftp1n_1234567"}, -14, {"start_time", "transfer", "prefix"}},
         {"schedule log", ELEMENT("{s:i,s:i,s:i,s:s,s:I,s:I,s:s,s:s,s:i,s:s,s:s}", "duration", 60, "tc", 0, "status", 2, "origin", "o",
                                  "start", xmlrpc_int64{9}, "calc", xmlrpc_int64{4}, "mode", "m", "enc", "e", "start_time", 3, "transfer",
                                  "t", "prefix", "p"),
          DECODE(vantrel_sched_log* l = nullptr; int rc = vantrel_sched_log_decompose(env, el, &l);
                 std::string text = l ? std::string(l->origin) + l->mode + l->enc + l->transfer + l->prefix : "";
-                free(l); return {rc, text}),
-         {0, "ometp"}},
+                free(l); return {rc, text}), {0, "ometp"}},
         {"scheduler state, running",
          ELEMENT("{s:i,s:i,s:s,s:I,s:s,s:I,s:s,s:I}", "status", 4, "duration", 600, "s_now", "12:00", "t_now", xmlrpc_int64{1000},
                  "s_start", "11:55", "t_start", xmlrpc_int64{700}, "s_end", "12:05", "t_end", xmlrpc_int64{1300}),
@@ -135,19 +132,16 @@ std::vector<decoder_case> cases()
          DECODE(return state(0, env, el)), {0, "13:0014:002000"}},
         {"name resolution", ELEMENT("{s:i,s:s,s:s,s:I}", "result", 0, "value", "v", "object", "o", "cache_shm_id", xmlrpc_int64{7}),
          DECODE(char v[VANTREL_STR_SIZE] = "stale", o[VANTREL_STR_SIZE] = "stale"; int32_t shm = 0;
-                int rc = vantrel_basename_item_decode(env, el, v, o, &shm); return {rc, cat(v, o, shm)}),
-         {0, "vo7"}},
+                int rc = vantrel_basename_item_decode(env, el, v, o, &shm); return {rc, cat(v, o, shm)}), {0, "vo7"}},
         {"overlay name resolution", ELEMENT("{s:i,s:s}", "result", 0, "value", "v"),
-         DECODE(char v[VANTREL_STR_SIZE] = ""; int rc = vantrel_lib_basename_overlay_decode(env, el, v); return {rc, v}),
-         {0, "v"}},
+         DECODE(char v[VANTREL_STR_SIZE] = ""; int rc = vantrel_lib_basename_overlay_decode(env, el, v); return {rc, v}), {0, "v"}},
         {"overlay leaf", ELEMENT("{s:s,s:s,s:I}", "name", "a.png", "path", "g/a.png", "size", xmlrpc_int64{12}),
          DECODE(return overlays(1, env, el)), {1, "g/a.pnga.png12"}},
         {"overlay group", ELEMENT("{s:s,s:()}", "path", "g", "list"), DECODE(return overlays(0, env, el)), {1, "g0"}},
         {"subclip", ELEMENT("{s:i,s:i,s:s}", "mark_in", 1, "duration", 2, "title", "t"),
          DECODE(vantrel_lib_subclip** c = nullptr; int rc = vantrel_lib_list_subclips_decode(env, listed(el).get(), &c, 0);
                 std::string text = c && c[0] ? cat(c[0]->title, c[0]->mark_in, c[0]->duration) : "";
-                vantrel_lib_subclips_free(&c); return {rc, text}),
-         {1, "t12"}},
+                vantrel_lib_subclips_free(&c); return {rc, text}), {1, "t12"}},
         {"playout status",
          ELEMENT("{s:i,s:i,s:s,s:s,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:i,s:d,s:i,s:i,s:i}", "result", 0, "status", 1, "name", "clip",
                  "cookie", "c", "loop", 0, "clip_length", 1, "clip_in", 2, "clip_dur", 3, "clip_pos", 4, "clip_start", 5, "clip_idx", 6,
@@ -162,8 +156,7 @@ std::vector<decoder_case> cases()
                 value answer = build("{s:i,s:i,s:i,s:i,s:(V)}", "result", 0, "gen", 1, "pos", 2, "idx", 3, "list", el);
                 int rc = vantrel_playlist_items_decode(env, answer.get(), &g, &p, &i, &items);
                 std::string text = rc > 0 ? cat(items[0].name, items[0].cookie, items[0].in, items[0].dur) : "";
-                free(items); return {rc, text + cat(g, p, i)}),
-         {1, "nc23123"}, 0},
+                free(items); return {rc, text + cat(g, p, i)}), {1, "nc23123"}, 0},
         {"font", ELEMENT("{s:s,s:s}", "family", "Sans", "style", "Bold"),
          DECODE(char** fonts = nullptr; int rc = vantrel_lib_tmpl_fonts_decode(env, "m", listed(el).get(), &fonts);
                 std::string text = fonts && fonts[0] ? fonts[0] : ""; vantrel_str_list_free(&fonts); return {rc, text}),

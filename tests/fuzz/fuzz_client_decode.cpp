@@ -135,8 +135,7 @@ void decode_everything(xmlrpc_value* a)
     DECODE(vantrel_lib_tmpl_fonts_decode(env, "VantrelLib.TmplFonts", a, &s); vantrel_str_list_free(&s));
     DECODE(vantrel_lib_build_template_decode(env, a, t));
     DECODE(auto st = std::make_unique<vantrel_io_settings>(); vantrel_io_settings_get_decode(env, a, st.get()));
-    DECODE(vantrel_io_mode** l = nullptr; vantrel_io_settings_get_modes_decode(env, a, &l);
-           if (l) vantrel_io_settings_modes_free(&l));
+    DECODE(vantrel_io_mode** l = nullptr; vantrel_io_settings_get_modes_decode(env, a, &l); if (l) vantrel_io_settings_modes_free(&l));
     // media library
     DECODE(vantrel_lib_path_result_decode(env, "f", a));
     DECODE(vantrel_lib_meta* r = nullptr; vantrel_lib_meta_item_decompose(env, a, &r); free(r));
@@ -145,8 +144,7 @@ void decode_everything(xmlrpc_value* a)
     DECODE(vantrel_lib_meta* r = nullptr; vantrel_lib_meta_item_decode(env, a, "media/a", &r); free(r));
     DECODE(vantrel_lib_search_decode(env, a, "f", "M.m", t));
     DECODE(vantrel_lib_subclip** l = nullptr; vantrel_lib_list_subclips_decode(env, a, &l, 7); vantrel_lib_subclips_free(&l));
-    DECODE(unsigned char* r = nullptr; uint32_t size = 0; vantrel_lib_thumb_decode(env, a, "f", "u", "M.m", "thumb", &r, &size);
-           free(r));
+    DECODE(unsigned char* r = nullptr; uint32_t size = 0; vantrel_lib_thumb_decode(env, a, "f", "u", "M.m", "thumb", &r, &size); free(r));
     DECODE(vantrel_lib_overlay** l = nullptr; vantrel_lib_list_overlays_decode(env, a, &l); vantrel_lib_overlays_free(&l));
     DECODE(vantrel_lib_overlay** l = nullptr; vantrel_lib_list_overlays_level(env, a, 0, &l); vantrel_lib_overlays_free(&l));
     DECODE(vantrel_lib_usage* r = nullptr; vantrel_lib_state_decode(env, a, &r); free(r));
@@ -161,8 +159,7 @@ void decode_everything(xmlrpc_value* a)
     DECODE(auto st = std::make_unique<vantrel_sched_state>(); vantrel_sched_get_state_decode(env, a, st.get()));
     // file transfer and transcoder
     DECODE(auto l = std::make_unique<vantrel_ft_target[]>(CAPACITY); vantrel_filetransfer_targets_list_decode(env, a, CAPACITY, l.get()));
-    DECODE(auto l = std::make_unique<vantrel_ft_request[]>(CAPACITY);
-           vantrel_filetransfer_requests_list_decode(env, a, CAPACITY, l.get()));
+    DECODE(auto l = std::make_unique<vantrel_ft_request[]>(CAPACITY); vantrel_filetransfer_requests_list_decode(env, a, CAPACITY, l.get()));
     DECODE(auto l = std::make_unique<vantrel_ftc_request[]>(CAPACITY);
            vantrel_filetranscoder_requests_list_decode(env, a, CAPACITY, l.get()));
     DECODE(auto r = std::make_unique<vantrel_ft_request>(); vantrel_filetransfer_request_get_decode(env, a, r.get()));
