@@ -162,16 +162,13 @@ void populate(instance* inst)
     for (const char* type : {"elem_mixer", "script", "elem_flash", "lib", "elem_io_ndi_in"}) {
         app* a = app_new();
         a->type = instance_apps_lookup(type);
-        a->config.set("/cfg/fuzz.xml");
-        a->alias.set(std::string("fuzz ") + type);
-        for (const char* raw : {"--port=36002", "#old"}) a->raws.append(raw);
-        a->envs.append("A=B");
+        a->config.set("/cfg/fuzz.xml"), a->alias.set(std::string("fuzz ") + type);
+        a->raws.append("--port=36002"), a->raws.append("#old"), a->envs.append("A=B");
         instance_slot_append(inst, a);
     }
     // One record that looks running, so the paths for a live child are taken.
     app* live = inst->apps[0];
-    live->pid = FAKE_PID;
-    live->started = 1;
+    live->pid = FAKE_PID, live->started = 1;
     for (int i = 0; i < 5; i++) std_ring_append(live->std_bufs[1], std::string(8000, 'o').data(), 8000);
     std_ring_append(live->std_bufs[2], "err\n", 4);
     inst->web_auth_secret.set("secret");
@@ -215,20 +212,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     populate(g_inst);
-    if (size == 0 || data[0] != SCRIPT_MARK) {
-        call(reinterpret_cast<const char*>(data), size);
-        return 0;
-    }
+    if (size == 0 || data[0] != SCRIPT_MARK) return call(reinterpret_cast<const char*>(data), size), 0;
     byte_reader in{data + 1, size - 1};
     for (int n = 0; n < CALLS_MAX && in.n > 0; n++) {
         int method = in.u8() % 8;
         xmlrpc_env_guard env;
-        builder b{in, g_inst};
-        xmlrpc_value_ref params(b.params(env.get(), method));
+        xmlrpc_value_ref params(builder{in, g_inst}.params(env.get(), method));
         if (env.failed() || !params) continue;
         xmlrpc_mem_block* request = XMLRPC_MEMBLOCK_NEW(char, env.get(), 0);
-        xmlrpc_serialize_call(env.get(), request, (std::string("VantrelWatchdog.") + METHODS[method]).c_str(),
-                              params.get());
+        xmlrpc_serialize_call(env.get(), request, (std::string("VantrelWatchdog.") + METHODS[method]).c_str(), params.get());
         if (!env.failed()) call(XMLRPC_MEMBLOCK_CONTENTS(char, request), XMLRPC_MEMBLOCK_SIZE(char, request));
         XMLRPC_MEMBLOCK_FREE(char, request);
     }

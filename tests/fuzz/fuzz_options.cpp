@@ -53,8 +53,8 @@ std::string expand(const std::string& text)
 
 void write_file(const std::string& path, const std::string& content)
 {
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f || fwrite(content.data(), 1, content.size(), f) != content.size() || fclose(f) != 0) abort();
+    if (FILE* f = fopen(path.c_str(), "wb"); !f || fwrite(content.data(), 1, content.size(), f) != content.size() || fclose(f))
+        abort();
 }
 
 void check_capacities(const instance* inst)
