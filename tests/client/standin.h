@@ -8,8 +8,9 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -18,52 +19,46 @@
 #include "common/xmlrpc_raii.h"
 
 // Ints 1, i8 1L, doubles 1.5, strings "a", byte strings b"a", booleans, arrays
-// [a,b], structs {"k":v} in member order. Compact: strings 'a', byte strings
-// by their length b1, keys bare {k:v}.
-inline std::string render(xmlrpc_value* v, bool compact = false)
+// [a,b], structs {"k":v} in member order.
+inline std::string render(xmlrpc_value* v)
 {
     xmlrpc_env_guard env;
     std::string out;
+    int n = 0;
+    xmlrpc_int64 i8 = 0;
+    xmlrpc_bool b = 0;
+    double d = 0;
+    size_t len = 0;
+    const unsigned char* bytes = nullptr;
+    decoded_text text;
+    std::ostringstream number;
+    bool is_struct = xmlrpc_value_type(v) == XMLRPC_TYPE_STRUCT;
     switch (xmlrpc_value_type(v)) {
-    case XMLRPC_TYPE_INT: { int n = 0; xmlrpc_read_int(env.get(), v, &n); return std::to_string(n); }
-    case XMLRPC_TYPE_I8: { xmlrpc_int64 n = 0; xmlrpc_read_i8(env.get(), v, &n); return std::to_string(n) + "L"; }
-    case XMLRPC_TYPE_BOOL: { xmlrpc_bool b = 0; xmlrpc_read_bool(env.get(), v, &b); return b ? "true" : "false"; }
-    case XMLRPC_TYPE_DOUBLE: {
-        double d = 0;
+    case XMLRPC_TYPE_INT: return xmlrpc_read_int(env.get(), v, &n), std::to_string(n);
+    case XMLRPC_TYPE_I8: return xmlrpc_read_i8(env.get(), v, &i8), std::to_string(i8) + "L";
+    case XMLRPC_TYPE_BOOL: return xmlrpc_read_bool(env.get(), v, &b), b ? "true" : "false";
+    case XMLRPC_TYPE_DOUBLE:
         xmlrpc_read_double(env.get(), v, &d);
-        char text[64];
-        snprintf(text, sizeof text, "%g", d);
-        return text;
-    }
-    case XMLRPC_TYPE_STRING: {
-        decoded_text s;
-        xmlrpc_read_string(env.get(), v, s.out());
-        decoded_adopt(s);
-        return (compact ? "'" : "\"") + std::string(s.get()) + (compact ? "'" : "\"");
-    }
-    case XMLRPC_TYPE_BASE64: {
-        size_t len = 0;
-        const unsigned char* data = nullptr;
-        xmlrpc_read_base64(env.get(), v, &len, &data);
-        out.assign(reinterpret_cast<const char*>(data), len);
-        free(const_cast<unsigned char*>(data));
-        return compact ? "b" + std::to_string(len) : "b\"" + out + "\"";
-    }
+        number << d;
+        return number.str();
+    case XMLRPC_TYPE_STRING:
+        xmlrpc_read_string(env.get(), v, text.out());
+        decoded_adopt(text);
+        return "\"" + std::string(text.get()) + "\"";
+    case XMLRPC_TYPE_BASE64:
+        xmlrpc_read_base64(env.get(), v, &len, &bytes);
+        out.assign(reinterpret_cast<const char*>(bytes), len);
+        free(const_cast<unsigned char*>(bytes));
+        return "b\"" + out + "\"";
     case XMLRPC_TYPE_ARRAY:
-        for (int i = 0; i < xmlrpc_array_size(env.get(), v); i++) {
-            xmlrpc_value_ref item;
-            xmlrpc_array_read_item(env.get(), v, i, item.out());
-            out += (i ? "," : "") + render(item.get(), compact);
-        }
-        return "[" + out + "]";
     case XMLRPC_TYPE_STRUCT:
-        for (int i = 0; i < xmlrpc_struct_size(env.get(), v); i++) {
-            xmlrpc_value_ref key, member;
-            xmlrpc_struct_read_member(env.get(), v, i, key.out(), member.out());
-            std::string name = render(key.get(), compact);
-            out += (i ? "," : "") + (compact ? name.substr(1, name.size() - 2) : name) + ":" + render(member.get(), compact);
+        for (int i = 0, size = is_struct ? xmlrpc_struct_size(env.get(), v) : xmlrpc_array_size(env.get(), v); i < size; i++) {
+            xmlrpc_value_ref key, item;
+            if (is_struct) xmlrpc_struct_read_member(env.get(), v, i, key.out(), item.out());
+            else xmlrpc_array_read_item(env.get(), v, i, item.out());
+            out += (i ? "," : "") + (is_struct ? render(key.get()) + ":" : "") + render(item.get());
         }
-        return "{" + out + "}";
+        return (is_struct ? "{" : "[") + out + (is_struct ? "}" : "]");
     default: return "?";
     }
 }
@@ -74,17 +69,11 @@ public:
     {
         xmlrpc_env_guard env;
         static std::once_flag once;
-        std::call_once(once, [] {
-            xmlrpc_env_guard e;
-            xmlrpc_server_abyss_global_init(e.get());
-            signal(SIGPIPE, SIG_IGN);
-        });
+        std::call_once(once, [] { xmlrpc_server_abyss_global_init(xmlrpc_env_guard().get()), signal(SIGPIPE, SIG_IGN); });
         registry_ = xmlrpc_registry_new(env.get());
         xmlrpc_registry_set_default_method(env.get(), registry_, &standin::handle, this);
         int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
         bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
         getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -92,8 +81,7 @@ public:
         xmlrpc_server_abyss_parms parms{};
         parms.registryP = registry_;
         parms.keepalive_max_conn = 1;   // one request per connection: stopping never waits
-        parms.socket_bound = 1;
-        parms.socket_handle = fd;
+        parms.socket_bound = 1, parms.socket_handle = fd;
         xmlrpc_server_abyss_create(env.get(), &parms, XMLRPC_APSIZE(socket_handle), &abyss_);
         thread_ = std::thread([this] {
             xmlrpc_env_guard run_env;

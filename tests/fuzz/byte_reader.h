@@ -10,18 +10,11 @@ struct byte_reader {
     const uint8_t* p;
     size_t n;
     uint8_t u8() { return n == 0 ? 0 : (--n, *p++); }
-    uint32_t u32()
-    {
-        uint32_t v = 0;
-        for (int i = 0; i < 4; i++) v = (v << 8) | u8();
-        return v;
-    }
+    uint32_t u32() { return uint32_t{u8()} << 24 | uint32_t{u8()} << 16 | uint32_t{u8()} << 8 | u8(); }
     std::string bytes(size_t len)
     {
-        len = std::min(len, n);
-        std::string s(reinterpret_cast<const char*>(p), len);
-        p += len;
-        n -= len;
+        std::string s(reinterpret_cast<const char*>(p), std::min(len, n));
+        p += s.size(), n -= s.size();
         return s;
     }
 };

@@ -35,25 +35,22 @@ namespace {
 constexpr uint8_t SCRIPT_MARK = 0x01;
 constexpr int CALLS_MAX = 8;
 constexpr int PARAMS_MAX = 12;          // SetItem takes ten; a few more test the tail
-constexpr int NEST_MAX = 3;             // arrays and structs inside parameters
 constexpr int ITEMS_MAX = 140;          // enough to overfill the 128 raws
 constexpr pid_t FAKE_PID = 0x7ffffff0;  // no real process has a pid this large
 
 instance* g_inst = nullptr;
 xmlrpc_registry* g_registry = nullptr;
 
+// The only commands the control interface may ever ask for.
 int fake_system(const char* command)
 {
-    // The only commands the control interface may ever ask for.
-    if (strcmp(command, "/usr/sbin/reboot") != 0 && strcmp(command, "/usr/sbin/halt -f -p") != 0) abort();
-    return 0;
+    return strcmp(command, "/usr/sbin/reboot") && strcmp(command, "/usr/sbin/halt -f -p") ? (abort(), 1) : 0;
 }
 
+// Only the invented child (or its group) may be signalled, and only to terminate.
 int fake_kill(pid_t pid, int sig)
 {
-    // Only the invented child (or its group) may be signalled, and only to terminate.
-    if ((pid != FAKE_PID && pid != -FAKE_PID) || (sig != SIGINT && sig != SIGKILL)) abort();
-    return 0;
+    return (pid != FAKE_PID && pid != -FAKE_PID) || (sig != SIGINT && sig != SIGKILL) ? (abort(), 1) : 0;
 }
 
 pid_t fake_fork() { abort(); }   // a launch from a control method would be a fault of its own
@@ -88,10 +85,10 @@ struct builder {
         switch (kind % 6) {
         case 0: return WORDS[in.u8() % (sizeof WORDS / sizeof WORDS[0])];
         case 1: {   // a live handle, in either case, with or without 0x
-            if (inst->cnt == 0) return "1";
-            char text[32];
-            snprintf(text, sizeof text, (kind & 0x40) ? "%s%lX" : "%s%lx", (kind & 0x80) ? "0x" : "",
-                     static_cast<unsigned long>(inst->apps[in.u8() % inst->cnt]->handle));
+            char text[32] = "1";
+            if (inst->cnt > 0)
+                snprintf(text, sizeof text, (kind & 0x40) ? "%s%lX" : "%s%lx", (kind & 0x80) ? "0x" : "",
+                         static_cast<unsigned long>(inst->apps[in.u8() % inst->cnt]->handle));
             return text;
         }
         case 2: return std::string(4090 + in.u8() % 16, 'a' + in.u8() % 26);   // around the field size
@@ -101,52 +98,31 @@ struct builder {
 
     int32_t integer()
     {
-        switch (in.u8() % 8) {
-        case 0: return -1;
-        case 1: return inst->cnt;
-        case 2: return inst->cnt - 1;
-        case 3: return INT32_MIN;
-        case 4: return INT32_MAX;
-        case 5: return static_cast<int32_t>(in.u32());
-        default: return in.u8() % 8;
-        }
+        const int32_t picks[] = {-1, inst->cnt, inst->cnt - 1, INT32_MIN, INT32_MAX};
+        uint8_t kind = in.u8() % 8;
+        return kind < 5 ? picks[kind] : kind == 5 ? static_cast<int32_t>(in.u32()) : in.u8() % 8;
     }
 
-    xmlrpc_value* value(xmlrpc_env* env, int depth)
+    // Any scalar, or (outside arrays) an array of them; deeper nesting, structs
+    // and byte strings come with the raw documents.
+    xmlrpc_value* value(xmlrpc_env* env, bool in_array)
     {
         uint8_t kind = in.u8();
-        switch (kind % 10) {
-        case 0:
-        case 1: return xmlrpc_int_new(env, integer());
-        case 2: return xmlrpc_i8_new(env, (kind & 0x80) ? integer() : static_cast<int64_t>(in.u32()) << 32 | in.u32());
-        case 3:
-        case 4:
-        case 5: return text_value(env, text());
-        case 6: {
-            std::string s = in.bytes(in.u8());
-            return xmlrpc_base64_new(env, s.size(), reinterpret_cast<const unsigned char*>(s.data()));
-        }
-        case 7: return depth < NEST_MAX ? array(env, depth + 1, in.u8() % ITEMS_MAX) : xmlrpc_nil_new(env);
-        case 8: {
-            if (depth >= NEST_MAX) return xmlrpc_bool_new(env, kind & 0x80);
-            xmlrpc_value* st = xmlrpc_struct_new(env);
-            for (int i = in.u8() % 4; i > 0 && !env->fault_occurred; i--) {
-                xmlrpc_value_ref member(value(env, depth + 1));
-                if (env->fault_occurred) break;
-                xmlrpc_value_ref key(text_value(env, text()));   // made here: the library's own conversion
-                if (!env->fault_occurred) xmlrpc_struct_set_value_v(env, st, key.get(), member.get());
-            }
-            return st;
-        }
-        default: return (kind & 0x80) ? xmlrpc_double_new(env, in.u32() / 7.0) : xmlrpc_bool_new(env, kind & 1);
+        switch (kind % 8) {
+        case 0: return xmlrpc_int_new(env, integer());
+        case 1: return xmlrpc_i8_new(env, (kind & 0x80) ? integer() : static_cast<int64_t>(in.u32()) << 32 | in.u32());
+        case 2: return (kind & 0x80) ? xmlrpc_double_new(env, in.u32() / 7.0) : xmlrpc_bool_new(env, kind & 1);
+        case 3: return in_array ? xmlrpc_nil_new(env) : array(env, in.u8() % ITEMS_MAX, SCALARS);
+        default: return text_value(env, text());
         }
     }
 
-    xmlrpc_value* array(xmlrpc_env* env, int depth, int items)
+    enum contents { TEXTS, SCALARS, VALUES };
+    xmlrpc_value* array(xmlrpc_env* env, int items, int contents)
     {
         xmlrpc_value* arr = xmlrpc_array_new(env);
         for (int i = 0; i < items && !env->fault_occurred; i++) {
-            xmlrpc_value_ref item(value(env, depth));
+            xmlrpc_value_ref item(contents == TEXTS ? text_value(env, text()) : value(env, contents == SCALARS));
             if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, item.get());
         }
         return arr;
@@ -156,31 +132,22 @@ struct builder {
     // past decoding; the rest are arbitrary arrays.
     xmlrpc_value* params(xmlrpc_env* env, int method)
     {
-        if (in.u8() & 1) return array(env, 0, in.u8() % PARAMS_MAX);
+        if (in.u8() & 1) return array(env, in.u8() % PARAMS_MAX, VALUES);
         xmlrpc_value* arr = xmlrpc_array_new(env);
         auto add = [&](xmlrpc_value* v) {
-            xmlrpc_value_ref owned(v);
-            if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, v);
+            if (!env->fault_occurred) xmlrpc_array_append_item(env, arr, xmlrpc_value_ref(v).get());
         };
         auto texts = [&](int n) { for (int i = 0; i < n; i++) add(text_value(env, text())); };
-        if (method >= 2 && method <= 4) add(xmlrpc_int_new(env, integer()));
-        switch (method) {
-        case 2: texts(3); break;   // SetField (isss)
-        case 3: texts(1); break;   // GetItem (is)
-        case 4:                    // SetItem (isssssssAA*)
-            texts(7);
-            add(array(env, NEST_MAX, in.u8() % ITEMS_MAX));
-            add(array(env, NEST_MAX, in.u8() % ITEMS_MAX));
-            break;
-        case 6:   // GetStdXXXBuf (isIi) or (issi)
-            add(xmlrpc_int_new(env, integer()));
-            texts(1);
+        // SetField (isss), GetItem (is), SetItem (isssssssAA*), GetStdXXXBuf (isIi) or (issi), GetAuth (ss);
+        // the listing methods take nothing.
+        if ((method >= 2 && method <= 4) || method == 6) add(xmlrpc_int_new(env, integer()));
+        texts(method == 2 ? 3 : method == 3 || method == 6 ? 1 : method == 4 ? 7 : method == 7 ? 2 : 0);
+        if (method == 4)
+            for (int i = 0; i < 2; i++) add(array(env, in.u8() % ITEMS_MAX, in.u8() & 1 ? SCALARS : TEXTS));
+        if (method == 6) {
             if (in.u8() & 1) texts(1);
             else add(xmlrpc_i8_new(env, static_cast<int64_t>(in.u32()) - 0x7fffffff));
             add(xmlrpc_int_new(env, in.u8() % 2 ? integer() : in.u8() % 4));
-            break;
-        case 7: texts(2); break;   // GetAuth (ss)
-        default: break;            // the listing methods take nothing
         }
         return arr;
     }
@@ -195,18 +162,14 @@ void populate(instance* inst)
     for (const char* type : {"elem_mixer", "script", "elem_flash", "lib", "elem_io_ndi_in"}) {
         app* a = app_new();
         a->type = instance_apps_lookup(type);
-        a->config.set("/cfg/fuzz.xml");
-        a->alias.set(std::string("fuzz ") + type);
-        for (const char* raw : {"--port=36002", "#old"}) a->raws.append(raw);
-        a->envs.append("A=B");
+        a->config.set("/cfg/fuzz.xml"), a->alias.set(std::string("fuzz ") + type);
+        a->raws.append("--port=36002"), a->raws.append("#old"), a->envs.append("A=B");
         instance_slot_append(inst, a);
     }
     // One record that looks running, so the paths for a live child are taken.
     app* live = inst->apps[0];
-    live->pid = FAKE_PID;
-    live->started = 1;
-    std::string out(8000, 'o');
-    for (int i = 0; i < 5; i++) std_ring_append(live->std_bufs[1], out.data(), out.size());
+    live->pid = FAKE_PID, live->started = 1;
+    for (int i = 0; i < 5; i++) std_ring_append(live->std_bufs[1], std::string(8000, 'o').data(), 8000);
     std_ring_append(live->std_bufs[2], "err\n", 4);
     inst->web_auth_secret.set("secret");
 }
@@ -222,17 +185,12 @@ void call(const char* xml, size_t size)
 
     if (g_inst->cnt < 0 || g_inst->cnt > APPS_MAX) abort();
     std::set<uint64_t> handles;
-    for (int i = 0; i < g_inst->cnt; i++) {
+    for (int i = 0; i < APPS_MAX; i++) {
         const app* a = g_inst->apps[i];
-        if (!a || a->handle == 0 || !handles.insert(a->handle).second) abort();
-        if (a->type < 0 || a->type >= APP_TYPES_CNT) abort();
-        for (const auto& ring : a->std_bufs)
-            if (ring.tail < ring.head || ring.tail - ring.head > STD_BUF_SIZE) abort();
-        if (a->alias.size() > TEXT_FIELD_MAX || a->envs.size() > APP_ENVS_MAX || a->raws.size() > APP_RAWS_MAX)
+        if (i >= g_inst->cnt ? a != nullptr : !a || !a->handle || !handles.insert(a->handle).second) abort();
+        if (a && (a->type < 0 || a->type >= APP_TYPES_CNT || a->envs.size() > APP_ENVS_MAX || a->raws.size() > APP_RAWS_MAX))
             abort();
     }
-    for (int i = g_inst->cnt; i < APPS_MAX; i++)
-        if (g_inst->apps[i]) abort();
 }
 
 }   // namespace
@@ -245,33 +203,24 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     watchdog_os.kill = fake_kill;
     xmlInitParser();
     xmlrpc_fault_guard_install();   // as ctl_init does: the library's own i8 fault would crash
-    if (instance_create(&g_inst) != 0) abort();
     xmlrpc_env_guard env;
-    g_registry = xmlrpc_registry_new(env.get());
-    if (env.failed() || !g_registry) abort();
+    if (instance_create(&g_inst) != 0 || !(g_registry = xmlrpc_registry_new(env.get()))) abort();
     ctl_register_methods(env.get(), g_registry, g_inst);
-    if (env.failed()) abort();
-    return 0;
+    return env.failed() ? (abort(), 1) : 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     populate(g_inst);
-    if (size == 0 || data[0] != SCRIPT_MARK) {
-        call(reinterpret_cast<const char*>(data), size);
-        return 0;
-    }
+    if (size == 0 || data[0] != SCRIPT_MARK) return call(reinterpret_cast<const char*>(data), size), 0;
     byte_reader in{data + 1, size - 1};
     for (int n = 0; n < CALLS_MAX && in.n > 0; n++) {
         int method = in.u8() % 8;
         xmlrpc_env_guard env;
-        builder b{in, g_inst};
-        xmlrpc_value_ref params(b.params(env.get(), method));
+        xmlrpc_value_ref params(builder{in, g_inst}.params(env.get(), method));
         if (env.failed() || !params) continue;
         xmlrpc_mem_block* request = XMLRPC_MEMBLOCK_NEW(char, env.get(), 0);
-        if (env.failed()) continue;
-        xmlrpc_serialize_call(env.get(), request, (std::string("VantrelWatchdog.") + METHODS[method]).c_str(),
-                              params.get());
+        xmlrpc_serialize_call(env.get(), request, (std::string("VantrelWatchdog.") + METHODS[method]).c_str(), params.get());
         if (!env.failed()) call(XMLRPC_MEMBLOCK_CONTENTS(char, request), XMLRPC_MEMBLOCK_SIZE(char, request));
         XMLRPC_MEMBLOCK_FREE(char, request);
     }
