@@ -1,14 +1,10 @@
 // Scaffolding the unit test programs share: scratch directories, file
-// contents, option-reader passes, descriptor counts and control replies.
+// contents, option-reader passes and a configuration as one line of text.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cinttypes>
-#include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -32,13 +28,8 @@ public:
         if (!mkdtemp(tmpl.data())) throw std::runtime_error("cannot make " + tmpl);
         path_ = tmpl;
     }
-    ~scratch_dir()
-    {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
+    ~scratch_dir() { std::error_code ec; fs::remove_all(path_, ec); }
     scratch_dir(const scratch_dir&) = delete;
-    scratch_dir& operator=(const scratch_dir&) = delete;
     const fs::path& path() const { return path_; }
 
 private:
@@ -61,34 +52,13 @@ inline std::vector<std::string> lines_of(const std::string& text)
     return out;
 }
 
-inline void write_file(const fs::path& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
+inline void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 // An executable /bin/sh script.
 inline void write_script(const fs::path& path, const std::string& body)
 {
     write_file(path, "#!/bin/sh\n" + body + "\n");
     fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
-}
-
-inline int open_fd_count()
-{
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir) return -1;
-    int count = 0;
-    for (int i = 0; i < 100000 && readdir(dir); i++) count++;
-    closedir(dir);
-    return count;
-}
-
-// A handle as the control methods spell it.
-inline std::string hex(uint64_t handle)
-{
-    char text[32];
-    snprintf(text, sizeof text, "%" PRIx64, handle);
-    return text;
 }
 
 // One option-reader pass over `args` behind the program name; what it wrote
@@ -123,25 +93,16 @@ inline std::string describe(const instance* inst)
     out << "port=" << inst->port << " log=" << inst->log_file_name.str() << " rot=" << inst->log_rotate_interval;
     auto text = [&](const char* key, const bounded_str& v) { if (!v.empty()) out << " " << key << "=" << v.str(); };
     auto num = [&](const char* key, long v) { if (v) out << " " << key << "=" << v; };
-    text("name", inst->instance_name);
-    text("secret", inst->web_auth_secret);
-    num("demonize", inst->demonize);
-    num("nodemonize", inst->nodemonize);
-    num("debug", inst->debug);
-    num("cpu", inst->cpu_affinity);
-    num("rtio", inst->realtime_io);
-    num("rtcpu", inst->realtime_cpu);
+    text("name", inst->instance_name), text("secret", inst->web_auth_secret);
+    num("demonize", inst->demonize), num("nodemonize", inst->nodemonize), num("debug", inst->debug);
+    num("cpu", inst->cpu_affinity), num("rtio", inst->realtime_io), num("rtcpu", inst->realtime_cpu);
     text("conf", inst->conf_file);
     out << " apps=" << inst->cnt;
     for (int i = 0; i < inst->cnt && inst->cnt <= 3; i++) {
         const app& a = *inst->apps[i];
         out << " [" << a.type << ":" << a.config.str();
-        text("alias", a.alias);
-        text("thumb", a.thumb);
-        text("bin", a.bin_path);
-        text("numa", a.numa_bind);
-        num("respawn", a.f_respawn);
-        num("autorun", a.f_autorun);
+        text("alias", a.alias), text("thumb", a.thumb), text("bin", a.bin_path), text("numa", a.numa_bind);
+        num("respawn", a.f_respawn), num("autorun", a.f_autorun);
         if (!a.envs.empty()) out << " env=" << list_text(a.envs);
         if (!a.raws.empty()) out << " raw=" << list_text(a.raws);
         out << "]";
