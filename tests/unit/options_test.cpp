@@ -25,7 +25,7 @@ using namespace unit_support;
 using names = std::vector<std::string>;
 
 const std::string DEF = "port=9000 log=VantrelWatchdog.log rot=86400", NONE = DEF + " apps=0";
-const std::string PORT_REQUIRED = "ERROR: argument '--port' required\n";
+const std::string PORT_REQUIRED = "ERROR: argument '--port' required\n", NO_PORT = "port=0 log=VantrelWatchdog.log rot=86400 apps=0";
 
 std::string usage()
 {
@@ -66,12 +66,10 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
          "port=9100 log=/var/w.log rot=60 name=studio 1 secret=s3 demonize=1 nodemonize=1 debug=2 cpu=3 rtio=1 "
          "rtcpu=-2 apps=0"},
         {{"--port=  +9123abc", "--log-rotate-interval=12.5"}, {}, 0, "", "port=9123 log=VantrelWatchdog.log rot=12 apps=0"},
-        {{"--port=abc"}, {}, -EINVAL, PORT_REQUIRED, "port=0 log=VantrelWatchdog.log rot=86400 apps=0"},
-        {{"--port", "w.conf"}, {}, -EINVAL, PORT_REQUIRED, "port=0 log=VantrelWatchdog.log rot=86400 apps=0"},
+        {{"--port=abc"}, {}, -EINVAL, PORT_REQUIRED, NO_PORT}, {{"--port", "w.conf"}, {}, -EINVAL, PORT_REQUIRED, NO_PORT},
         {{"--help"}, {}, -1, usage(), NONE}, {{"-h"}, {}, -1, usage(), NONE}, {{"--he"}, {}, -1, usage(), NONE},
         {{"--bogus"}, {}, -1, incorrect("--bogus"), NONE}, {{"--demonize=1"}, {}, -1, incorrect("--demonize=1"), NONE},
-        {{"--lib=x", "--port"}, {}, -1, incorrect("--port"), DEF + " apps=1 [6:x]"},
-        {{"--port 9000"}, {}, -1, incorrect("--port 9000"), NONE},
+        {{"--lib=x", "--port"}, {}, -1, incorrect("--port"), DEF + " apps=1 [6:x]"}, {{"--port 9000"}, {}, -1, incorrect("--port 9000"), NONE},
         {{"--instance-name", "-x", "-xh"}, {}, -1, incorrect("-xh"), DEF + " name=-x apps=0"},
         {{"--l=q"}, {}, -1, incorrect("--l=q"), NONE}, {{"--re"}, {}, -1, incorrect("--re"), NONE},
         // A prefix takes the first option of the table that it starts, or the one it names exactly.
@@ -83,11 +81,9 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
           "--io=/cfg/io.xml", "--env=C=3"}, {}, 0, "",
          DEF + " apps=2 [21:/cfg/m.xml alias=Mixer thumb=t.png bin=/opt/b numa=0,1 respawn=5 autorun=1 env=A=1,B=2 "
                "raw=--x=1] [4:/cfg/io.xml env=C=3]"},
-        {{"--alias=x", "--env=A=1"}, {}, 0, "Error! No app defined\nError! No app defined\n", NONE},
         {{"--script=" + big, "--env=" + big, "--instance-name=" + big}, {}, 0, "",
          DEF + " name=" + cut + " apps=1 [" + std::to_string(APP_TYPE_SCRIPT) + ":" + cut + " env=" + cut + "]"},
-        {{"--port=9100", "--log-file-name=cmd.log", "@w.conf"}, {{"w.conf", "--elem_mixer=/m.xml\n"}}, 0, "",
-         DEF + " conf=@w.conf apps=1 [21:/m.xml]"},
+        {{"--port=9100", "--log-file-name=cmd.log", "@w.conf"}, {{"w.conf", "--elem_mixer=/m.xml\n"}}, 0, "", DEF + " conf=@w.conf apps=1 [21:/m.xml]"},
         {{"@a.conf"}, {{"a.conf", "--elem_mixer=/m\n  --alias=Mixer 1  \n#--respawn=1\n\t # --autorun=1\r\n\r\n   \n"
                                   "--respawn=1\r\n--thumb\n  pic one.png\t\n--numa-bind=1"}}, 0, "",
          DEF + " conf=@a.conf apps=1 [21:/m alias=Mixer 1 thumb=pic one.png numa=1 respawn=1]"},
@@ -96,19 +92,21 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
         {{"@b.conf"}, {{"b.conf", "--lib=x\n--port 9000\n--io=y\n"}}, 0, incorrect("--port 9000"), DEF + " apps=1 [6:x]"},
         {{"@o.conf"}, {{"i.conf", "--thumb=in\n--io=b\n--alias=Inner\n"}, {"o.conf", "--lib=a\n@i.conf\n--alias=Outer\n"}},
          0, "", DEF + " conf=@o.conf apps=2 [6:a alias=Outer thumb=in] [4:b alias=Inner]"},
+        // Host options: a file's pass does not reset them; an option after a file still counts.
+        {{"--conf-backups=3", "--log-keep=-4", "--umask=027", "@h.conf", "--conf-backups=5"}, {{"h.conf", "--lib=x\n"}}, 0, "",
+         DEF + " conf=@h.conf host=5,0,23 apps=1 [6:x]"},
         {{"@n.conf", "--instance-name=cmd"}, {{"n.conf", "--instance-name=file\n"}}, 0, "", DEF + " name=file conf=@n.conf apps=0"},
         {{"@1.conf", "@2.conf"}, {{"1.conf", "--lib=1\n"}, {"2.conf", "--io=2\n"}}, 0, "", DEF + " conf=@2.conf apps=2 [6:1] [4:2]"},
         {{"--", "--lib=x"}, {}, 0, "opts_from_file: failed to open [--lib=x]\n", NONE},
-        {{"@g.conf", "@missing.conf"}, {{"g.conf", "--lib=x\n"}}, 0, "opts_from_file: failed to open [@missing.conf]\n",
-         DEF + " conf=@g.conf apps=1 [6:x]"},
-        {{"@e.conf"}, {{"e.conf", "# nothing\n\n"}}, 0, "", DEF + " conf=@e.conf apps=0"},
+        {{"@g.conf", "@missing.conf"}, {{"g.conf", "--lib=x\n"}}, 0, "opts_from_file: failed to open [@missing.conf]\n", DEF + " conf=@g.conf apps=1 [6:x]"},
+        {{"@e.conf"}, {{"e.conf", "# nothing\n\n"}}, 0, "", DEF + " conf=@e.conf apps=0"}, {{"--alias=x", "--env=A=1"}, {}, 0, "Error! No app defined\nError! No app defined\n", NONE},
         {{"@s.conf"}, {{"s.conf", "--lib=x\n@s.conf\n"}}, 0, "opts_from_file: [@s.conf] is already being read, skipped\n",
          DEF + " conf=@s.conf apps=1 [6:x]"},
         {{"@c1.conf"}, {{"c2.conf", "--io=b\n@c1.conf\n"}, {"c1.conf", "--lib=a\n@c2.conf\n"}}, 0,
          "opts_from_file: [@c1.conf] is already being read, skipped\n", DEF + " conf=@c1.conf apps=2 [6:a] [4:b]"},
         {{"@o2.conf"}, {{"i2.conf", "--io=y\n--bogus\n--ltc=z\n"}, {"o2.conf", "--lib=x\n@i2.conf\n"}}, 0,
          incorrect("--bogus"), DEF + " conf=@o2.conf apps=2 [6:x] [4:y]"},
-        {{"@p.conf"}, {{"p.conf", "--port=0\n"}}, -EINVAL, PORT_REQUIRED + PORT_REQUIRED, "port=0 log=VantrelWatchdog.log rot=86400 apps=0"},
+        {{"@p.conf"}, {{"p.conf", "--port=0\n"}}, -EINVAL, PORT_REQUIRED + PORT_REQUIRED, NO_PORT},
         // Room for everything the writer can produce: 1024 applications of 199 lines, plus 4095.
         {{"@big.conf"}, {{"big.conf", repeat("--debug", 207876)}}, 0,
          "opts_from_file: [@big.conf] is longer than 207871 argument lines or 831484 lines, the rest is ignored\n",
@@ -116,27 +114,26 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
         {{"@m.conf"}, {{"m.conf", repeat("--lib=", 1025, true) + "--alias=last\n"}}, 0,
          "instance_opts: instance->apps.cnt=1024 is maximal\n", DEF + " conf=@m.conf apps=1024"},
     };
-    for (const row& r : rows) {
+    // Under POSIXLY_CORRECT the reader still takes options after a file name.
+    for (const row& r : rows) for (const char* posix : {"", "1"}) {
+        *posix ? setenv("POSIXLY_CORRECT", posix, 1) : unsetenv("POSIXLY_CORRECT");
         scratch_dir dir("opts-test");
         std::string d = dir.path().string() + "/", err;
         for (auto& [name, text] : r.files) write_file(d + name, at(text, d));
         names args;
         for (const std::string& a : r.args) args.push_back(at(a, d));
-        instance* inst = nullptr;
-        ASSERT_EQ(instance_create(&inst), 0);
-        SCOPED_TRACE(testing::PrintToString(args).substr(0, 200));
+        owned_instance inst;
+        SCOPED_TRACE(testing::PrintToString(args).substr(0, 200) + (*posix ? " POSIXLY_CORRECT" : ""));
         EXPECT_EQ(read_options(inst, args, err), r.ret);
         EXPECT_EQ(err, at(r.err, d));
         EXPECT_EQ(describe(inst), at(r.state, d));
-        instance_destroy(&inst);
     }
 }
 
 // Types follow the type table, whatever order the option table lists them in.
 TEST(Options, EveryTypeIsAnOption)
 {
-    instance* inst = nullptr;
-    ASSERT_EQ(instance_create(&inst), 0);
+    owned_instance inst;
     names args;
     for (int i = 1; i < APP_TYPES_CNT; i++) args.push_back("--" + std::string(app_types[i].name) + "=cfg");
     std::string err;
@@ -147,7 +144,6 @@ TEST(Options, EveryTypeIsAnOption)
         EXPECT_EQ(instance_apps_lookup(app_types[i].name), i);
     }
     for (const char* miss : {"ELEM_MIXER", "elem", "elem_mixer ", ""}) EXPECT_LT(instance_apps_lookup(miss), 0);
-    instance_destroy(&inst);
 }
 
 // Files naming others 16 times over, four levels deep, stop at 4096 reads.
@@ -160,23 +156,17 @@ TEST(Options, FileReadsStopAtTheBudgetAndRepeatedPassesStartClean)
         std::string text = repeat(below, 16);
         write_file(below = (dir.path() / ("l" + std::to_string(level))).string(), text);
     }
-    instance* inst = nullptr;
-    ASSERT_EQ(instance_create(&inst), 0);
-    EXPECT_EQ(read_options(inst, {below}, err), 0);
-    EXPECT_EQ(inst->cnt, APPS_MAX);
+    owned_instance fanned, again;
+    EXPECT_EQ(read_options(fanned, {below}, err), 0);
+    EXPECT_EQ(fanned->cnt, APPS_MAX);
     EXPECT_NE(err.find("skipped, more than 4096 option files read"), std::string::npos);
-    instance_destroy(&inst);
-    ASSERT_EQ(instance_create(&inst), 0);
-    for (int i = 0; i < 3; i++) EXPECT_EQ(read_options(inst, {"--lib=x"}, err), 0);
-    EXPECT_EQ(read_options(inst, {"--bogus"}, err), -1);
-    EXPECT_EQ(read_options(inst, {"--port=9300"}, err), 0);
-    EXPECT_EQ(describe(inst), "port=9300 log=VantrelWatchdog.log rot=86400 apps=3 [6:x] [6:x] [6:x]");
-    instance_destroy(&inst);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(read_options(again, {"--lib=x"}, err), 0);
+    EXPECT_EQ(read_options(again, {"--bogus"}, err), -1);
+    EXPECT_EQ(read_options(again, {"--port=9300"}, err), 0);
+    EXPECT_EQ(describe(again), "port=9300 log=VantrelWatchdog.log rot=86400 apps=3 [6:x] [6:x] [6:x]");
 }
 
 struct ConfWriter : ::testing::Test {
-    void SetUp() override { ASSERT_EQ(instance_create(&inst), 0); }
-    void TearDown() override { instance_destroy(&inst); }
     void configure(names args)
     {
         std::string err;
@@ -193,15 +183,12 @@ struct ConfWriter : ::testing::Test {
     }
     std::string read_back()
     {
-        instance* back = nullptr;
+        owned_instance back;
         std::string err;
-        instance_create(&back);
         int r = read_options(back, {path}, err);
-        std::string text = std::to_string(r) + err + describe(back);   // "0" and no message, then the configuration
-        instance_destroy(&back);
-        return text;
+        return std::to_string(r) + err + describe(back);   // "0" and no message, then the configuration
     }
-    instance* inst = nullptr;
+    owned_instance inst;
     scratch_dir dir{"conf-writer"};
     std::string path = (dir.path() / "watchdog.conf").string(), logged;
 };
@@ -211,12 +198,12 @@ TEST_F(ConfWriter, WritesGlobalsThenOneBlockPerApplicationInFieldOrder)
     configure({"--debug", "--debug", "--nodemonize", "--web-auth-secret=s", "--cpu-affinity=2", "--realtime-io",
                "--port=9100", "--log-rotate-interval=5", "--demonize", "--instance-name=studio1",
                "--elem_mixer=/cfg/mixer.xml", "--raw=b", "--env=E=1", "--numa-bind=0", "--bin-path=/b", "--thumb=t",
-               "--alias=Mixer 1", "--respawn=5", "--autorun=1", "--script=", "--lib=x"});
+               "--alias=Mixer 1", "--respawn=5", "--autorun=1", "--script=", "--lib=x", "--conf-backups=0", "--umask=7"});
     inst->apps[2]->type = 0;   // a slot whose type was refused is not written
     ASSERT_EQ(save(), 0);
     EXPECT_EQ(file_text(path),
               "--demonize\n--debug\n--instance-name=studio1\n--port=9100\n--log-file-name=VantrelWatchdog.log\n"
-              "--log-rotate-interval=5\n\n--elem_mixer=/cfg/mixer.xml\n--alias=Mixer 1\n--thumb=t\n--bin-path=/b\n"
+              "--log-rotate-interval=5\n--conf-backups=0\n--umask=007\n\n--elem_mixer=/cfg/mixer.xml\n--alias=Mixer 1\n--thumb=t\n--bin-path=/b\n"
               "--numa-bind=0\n--respawn=1\n--autorun=1\n--env=E=1\n--raw=b\n\n--script=\n");
     EXPECT_NE(logged.find("watchdog_save_conf: updating config file [" + path + "]"), std::string::npos) << logged;
 }
@@ -263,6 +250,9 @@ TEST_F(ConfWriter, PreviousFileStaysUnderATimestampedNameAndAFailedOpenIsReporte
     EXPECT_GE(at, before.tv_sec * 1000000LL + before.tv_usec);
     EXPECT_LE(at, after.tv_sec * 1000000LL + after.tv_usec);
     EXPECT_EQ(file_text(backups[0]), "old contents\n");
+    inst->host.conf_backups = 0;
+    ASSERT_EQ(save(), 0);
+    EXPECT_FALSE(fs::exists(backups[0])) << "conf-backups=0 keeps no backup";
 
     std::string missing = (dir.path() / "nope" / "w.conf").string();
     inst->conf_file.set(missing);
@@ -285,38 +275,6 @@ TEST(HostSafety, OnlyTheOldestBackupsAndRotatedLogsBeyondTheLimitGo)
     EXPECT_EQ(conf_backups_beyond(backups_dir, "w.conf", 4), names());
     EXPECT_EQ(log_rotated_beyond(logs_dir, "w.log", 1), names({"w.log-20231231_235959", "w.log-20240101_000000"}));
     EXPECT_EQ(log_rotated_beyond(logs_dir, "w.log", 3), names());
-}
-
-// Defaults, an option file's pass not resetting them, options after a file
-// (POSIXLY_CORRECT too), and only changed values written back.
-TEST(HostOptions, ReadKeptAcrossPassesAndOnlyChangedValuesWrittenBack)
-{
-    scratch_dir scratch("host-options");
-    std::string path = (scratch.path() / "w.conf").string(), err;
-    write_file(path, "--lib=x\n");
-    instance* inst = nullptr;
-    ASSERT_EQ(instance_create(&inst), 0);
-    auto host = [&] { return testing::PrintToString(std::vector<int>{inst->host.conf_backups, inst->host.log_keep, int(inst->host.child_umask)}); };
-    EXPECT_EQ(host(), "{ 20, 30, 0 }");
-    ASSERT_EQ(read_options(inst, {"--conf-backups=3", "--log-keep=-4", "--umask=027", path}, err), 0) << err;
-    EXPECT_EQ(host(), "{ 3, 0, 23 }");
-    setenv("POSIXLY_CORRECT", "1", 1);
-    ASSERT_EQ(read_options(inst, {path, "--log-keep=5", "--debug"}, err), 0) << err;
-    unsetenv("POSIXLY_CORRECT");
-    EXPECT_EQ(std::to_string(inst->host.log_keep) + " " + std::to_string(inst->debug) + " " + inst->conf_file.str(), "5 1 " + path);
-    instance_destroy(&inst);
-    write_file(path, "--conf-backups=0\n--umask=7\n--lib=x\n");
-    ASSERT_EQ(instance_create(&inst), 0);
-    ASSERT_EQ(read_options(inst, {path}, err), 0) << err;
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(watchdog_save_conf(inst), 0);
-    ::testing::internal::GetCapturedStderr();
-    instance_destroy(&inst);
-    std::string text = file_text(path);
-    EXPECT_NE(text.find("--log-rotate-interval=86400\n--conf-backups=0\n--umask=007\n"), std::string::npos) << text;
-    EXPECT_EQ(text.find("--log-keep"), std::string::npos) << text;
-    for (const auto& e : fs::directory_iterator(scratch.path()))
-        EXPECT_EQ(e.path().filename(), "w.conf") << "conf-backups=0 keeps no backup";
 }
 
 }  // namespace

@@ -61,6 +61,16 @@ inline void write_script(const fs::path& path, const std::string& body)
     fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
 }
 
+// An instance that lives as long as its owner and passes as the pointer the code takes.
+struct owned_instance {
+    instance* p = nullptr;
+    owned_instance() { instance_create(&p); }
+    ~owned_instance() { instance_destroy(&p); }
+    owned_instance(const owned_instance&) = delete;
+    operator instance*() const { return p; }
+    instance* operator->() const { return p; }
+};
+
 // One option-reader pass over `args` behind the program name; what it wrote
 // to standard error goes to `err`.
 inline int read_options(instance* inst, std::vector<std::string> args, std::string& err)
@@ -97,6 +107,8 @@ inline std::string describe(const instance* inst)
     num("demonize", inst->demonize), num("nodemonize", inst->nodemonize), num("debug", inst->debug);
     num("cpu", inst->cpu_affinity), num("rtio", inst->realtime_io), num("rtcpu", inst->realtime_cpu);
     text("conf", inst->conf_file);
+    const host_options& host = inst->host;   // backups kept, rotated logs kept, children's umask
+    if (host.conf_backups != 20 || host.log_keep != 30 || host.child_umask) out << " host=" << host.conf_backups << "," << host.log_keep << "," << host.child_umask;
     out << " apps=" << inst->cnt;
     for (int i = 0; i < inst->cnt && inst->cnt <= 3; i++) {
         const app& a = *inst->apps[i];
