@@ -42,7 +42,7 @@ TEST(LogPolicy, PrefixMarksAndRotationDates)
     for (auto& c : cases) EXPECT_EQ(log_rotation_due(c[0], int(c[1]), c[2]), bool(c[3])) << c[0] << " " << c[1] << " " << c[2];
 }
 
-TEST_F(LogFile, EarlierRunIsRotatedAndLinesArriveInOrderWithTheirMarks)
+TEST_F(LogFile, EarlierRunIsRotatedLinesArriveInOrderWithTheirMarksAndOverflowIsDropped)
 {
     write_file(file, "old run\n");
     ASSERT_EQ(log_start(file.c_str(), 86400), 0);
@@ -68,10 +68,7 @@ TEST_F(LogFile, EarlierRunIsRotatedAndLinesArriveInOrderWithTheirMarks)
     EXPECT_EQ(bare(lines()[0]), "  two");
     EXPECT_EQ(log_printf(LOG_INFO, "after stop"), 0);
     EXPECT_EQ(log_stop(), -1);
-}
-
-TEST_F(LogFile, QueueOverflowDropsTheLineWithAMessageAndStopWritesTheRest)
-{
+    // A full queue drops the line with a message; stop writes the rest.
     ASSERT_EQ(log_start(file.c_str(), 86400), 0);
     log_test_hold_writer(1);
     for (int i = 0; i < LOG_QUEUE_MAX; i++) log_printf(LOG_INFO, "line %d", i);
@@ -80,7 +77,7 @@ TEST_F(LogFile, QueueOverflowDropsTheLineWithAMessageAndStopWritesTheRest)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "ERROR! message queue OVERFLOW!!!\n");
     EXPECT_EQ(log_test_queued(), LOG_QUEUE_MAX);
     ASSERT_EQ(log_stop(), 0);
-    auto got = lines();
+    got = lines();
     ASSERT_EQ(got.size(), static_cast<std::size_t>(LOG_QUEUE_MAX));
     EXPECT_EQ(bare(got.back()), "  line " + std::to_string(LOG_QUEUE_MAX - 1));
 }

@@ -39,9 +39,7 @@ private:
 inline std::string file_text(const fs::path& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 inline std::vector<std::string> lines_of(const std::string& text)
