@@ -131,21 +131,24 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
 }
 
 // Types follow the type table, whatever order the option table lists them in.
-TEST(Options, EveryTypeIsAnOption)
+TEST(Options, EveryTypeIsAnOptionAndPassesAddApplications)
 {
     owned_instance inst;
     std::string err;
     for (int i = 1; i < APP_TYPES_CNT; i++) {
         EXPECT_EQ(read_options(inst, {"--" + std::string(app_types[i].name) + "=cfg"}, err), 0);
-        ASSERT_EQ(inst->cnt, i);
-        EXPECT_EQ(inst->apps[i - 1]->type, i) << app_types[i].name;
+        ASSERT_EQ(inst->cnt == i ? inst->apps[i - 1]->type : -1, i) << app_types[i].name;
         EXPECT_EQ(instance_apps_lookup(app_types[i].name), i);
     }
     for (const char* miss : {"ELEM_MIXER", "elem", "elem_mixer ", ""}) EXPECT_LT(instance_apps_lookup(miss), 0);
+    // Every pass adds to the applications; the per-pass globals are set afresh.
+    EXPECT_EQ(read_options(inst, {"--bogus"}, err), -1);
+    EXPECT_EQ(read_options(inst, {"--port=9300"}, err), 0);
+    EXPECT_EQ(describe(inst), "port=9300 log=VantrelWatchdog.log rot=86400 apps=" + std::to_string(APP_TYPES_CNT - 1));
 }
 
 // Files naming others 16 times over, four levels deep, stop at 4096 reads.
-TEST(Options, FileReadsStopAtTheBudgetAndRepeatedPassesStartClean)
+TEST(Options, FileReadsStopAtTheBudget)
 {
     scratch_dir dir("opts-budget");
     std::string below = (dir.path() / "leaf.conf").string(), err;
@@ -154,22 +157,17 @@ TEST(Options, FileReadsStopAtTheBudgetAndRepeatedPassesStartClean)
         std::string text = repeat(below, 16);
         write_file(below = (dir.path() / ("l" + std::to_string(level))).string(), text);
     }
-    owned_instance fanned, again;
-    EXPECT_EQ(read_options(fanned, {below}, err), 0);
-    EXPECT_EQ(fanned->cnt, APPS_MAX);
+    owned_instance inst;
+    EXPECT_EQ(read_options(inst, {below}, err), 0);
+    EXPECT_EQ(inst->cnt, APPS_MAX);
     EXPECT_NE(err.find("skipped, more than 4096 option files read"), std::string::npos);
-    for (int i = 0; i < 3; i++) EXPECT_EQ(read_options(again, {"--lib=x"}, err), 0);
-    EXPECT_EQ(read_options(again, {"--bogus"}, err), -1);
-    EXPECT_EQ(read_options(again, {"--port=9300"}, err), 0);
-    EXPECT_EQ(describe(again), "port=9300 log=VantrelWatchdog.log rot=86400 apps=3 [6:x] [6:x] [6:x]");
 }
 
 struct ConfWriter : ::testing::Test {
     void configure(names args)
     {
         std::string err;
-        ASSERT_EQ(read_options(inst, std::move(args), err), 0);
-        ASSERT_EQ(err, "");
+        ASSERT_EQ(std::to_string(read_options(inst, std::move(args), err)) + err, "0");
         inst->conf_file.set(path);
     }
     int save()
@@ -222,10 +220,8 @@ TEST_F(ConfWriter, ReadsBackToTheSameConfigurationAndValuesCannotAddLines)
     inst->instance_name.set("a\n/etc/other.conf");
     ASSERT_EQ(save(), 0);
     std::string back = read_back();
-    EXPECT_NE(back.find("port=9123 "), std::string::npos) << back;
-    EXPECT_NE(back.find("name=a /etc/other.conf "), std::string::npos) << back;
-    EXPECT_NE(back.find("alias=Studio --port=1"), std::string::npos) << back;
-    EXPECT_EQ(back.find(" debug="), std::string::npos) << back;
+    EXPECT_TRUE(std::regex_search(back, std::regex("^0port=9123 .* name=a /etc/other.conf .*alias=Studio --port=1")) &&
+                back.find(" debug=") == std::string::npos) << back;
 }
 
 TEST_F(ConfWriter, PreviousFileStaysUnderATimestampedNameAndAFailedOpenIsReported)

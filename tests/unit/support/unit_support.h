@@ -73,12 +73,12 @@ struct owned_instance {
 // to standard error goes to `err`.
 inline int read_options(instance* inst, std::vector<std::string> args, std::string& err)
 {
-    args.insert(args.begin(), "VantrelWatchdog");
-    std::vector<char*> argv;
+    std::string program = "VantrelWatchdog";
+    std::vector<char*> argv{program.data()};
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     ::testing::internal::CaptureStderr();
-    int r = instance_opts(inst, static_cast<int>(args.size()), argv.data());
+    int r = instance_opts(inst, static_cast<int>(argv.size()) - 1, argv.data());
     err = ::testing::internal::GetCapturedStderr();
     return r;
 }
