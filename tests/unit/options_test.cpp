@@ -59,7 +59,7 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
 {
     const std::string big(5000, 'v'), cut(4095, 'v');
     const row rows[] = {
-        {{}, {}, 0, "", NONE},
+        {{}, {}, 0, "", NONE}, {{"--l=q"}, {}, -1, incorrect("--l=q"), NONE}, {{"--re"}, {}, -1, incorrect("--re"), NONE},
         {{"--port=9100", "--instance-name=studio 1", "--web-auth-secret=s3", "--log-file-name", "/var/w.log",
           "--log-rotate-interval=60", "--demonize", "--nodemonize", "--realtime-io", "--cpu-affinity=3",
           "--realtime-cpu=-2", "--debug", "--debug"}, {}, 0, "",
@@ -71,7 +71,6 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
         {{"--bogus"}, {}, -1, incorrect("--bogus"), NONE}, {{"--demonize=1"}, {}, -1, incorrect("--demonize=1"), NONE},
         {{"--lib=x", "--port"}, {}, -1, incorrect("--port"), DEF + " apps=1 [6:x]"}, {{"--port 9000"}, {}, -1, incorrect("--port 9000"), NONE},
         {{"--instance-name", "-x", "-xh"}, {}, -1, incorrect("-xh"), DEF + " name=-x apps=0"},
-        {{"--l=q"}, {}, -1, incorrect("--l=q"), NONE}, {{"--re"}, {}, -1, incorrect("--re"), NONE},
         // A prefix takes the first option of the table that it starts, or the one it names exactly.
         {{"--lib=exact", "--elem_m=first", "--libc=u", "--por=9200", "--deb"}, {}, 0, "",
          "port=9200 log=VantrelWatchdog.log rot=86400 debug=1 apps=3 [6:exact] [20:first] [13:u]"},
@@ -99,7 +98,8 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
         {{"@1.conf", "@2.conf"}, {{"1.conf", "--lib=1\n"}, {"2.conf", "--io=2\n"}}, 0, "", DEF + " conf=@2.conf apps=2 [6:1] [4:2]"},
         {{"--", "--lib=x"}, {}, 0, "opts_from_file: failed to open [--lib=x]\n", NONE},
         {{"@g.conf", "@missing.conf"}, {{"g.conf", "--lib=x\n"}}, 0, "opts_from_file: failed to open [@missing.conf]\n", DEF + " conf=@g.conf apps=1 [6:x]"},
-        {{"@e.conf"}, {{"e.conf", "# nothing\n\n"}}, 0, "", DEF + " conf=@e.conf apps=0"}, {{"--alias=x", "--env=A=1"}, {}, 0, "Error! No app defined\nError! No app defined\n", NONE},
+        {{"@e.conf"}, {{"e.conf", "# nothing\n\n"}}, 0, "", DEF + " conf=@e.conf apps=0"},
+        {{"--alias=x", "--env=A=1"}, {}, 0, "Error! No app defined\nError! No app defined\n", NONE},
         {{"@s.conf"}, {{"s.conf", "--lib=x\n@s.conf\n"}}, 0, "opts_from_file: [@s.conf] is already being read, skipped\n",
          DEF + " conf=@s.conf apps=1 [6:x]"},
         {{"@c1.conf"}, {{"c2.conf", "--io=b\n@c1.conf\n"}, {"c1.conf", "--lib=a\n@c2.conf\n"}}, 0,
@@ -118,7 +118,7 @@ TEST(Options, EveryRowLeavesItsConfigurationAndMessages)
     for (const row& r : rows) for (const char* posix : {"", "1"}) {
         *posix ? setenv("POSIXLY_CORRECT", posix, 1) : unsetenv("POSIXLY_CORRECT");
         scratch_dir dir("opts-test");
-        std::string d = dir.path().string() + "/", err;
+        std::string d = dir.path.string() + "/", err;
         for (auto& [name, text] : r.files) write_file(d + name, at(text, d));
         names args;
         for (const std::string& a : r.args) args.push_back(at(a, d));
@@ -151,11 +151,11 @@ TEST(Options, EveryTypeIsAnOptionAndPassesAddApplications)
 TEST(Options, FileReadsStopAtTheBudget)
 {
     scratch_dir dir("opts-budget");
-    std::string below = (dir.path() / "leaf.conf").string(), err;
+    std::string below = (dir.path / "leaf.conf").string(), err;
     write_file(below, "--lib=x\n");
     for (int level = 0; level < 4; level++) {
         std::string text = repeat(below, 16);
-        write_file(below = (dir.path() / ("l" + std::to_string(level))).string(), text);
+        write_file(below = (dir.path / ("l" + std::to_string(level))).string(), text);
     }
     owned_instance inst;
     EXPECT_EQ(read_options(inst, {below}, err), 0);
@@ -186,7 +186,7 @@ struct ConfWriter : ::testing::Test {
     }
     owned_instance inst;
     scratch_dir dir{"conf-writer"};
-    std::string path = (dir.path() / "watchdog.conf").string(), logged;
+    std::string path = (dir.path / "watchdog.conf").string(), logged;
 };
 
 TEST_F(ConfWriter, WritesGlobalsThenOneBlockPerApplicationInFieldOrder)
@@ -234,7 +234,7 @@ TEST_F(ConfWriter, PreviousFileStaysUnderATimestampedNameAndAFailedOpenIsReporte
     ASSERT_EQ(save(), 0);
     gettimeofday(&after, nullptr);
     std::vector<fs::path> backups;
-    for (auto& e : fs::directory_iterator(dir.path()))
+    for (auto& e : fs::directory_iterator(dir.path))
         if (e.path() != path) backups.push_back(e.path());
     ASSERT_EQ(backups.size(), 1u) << "no backup when there was no file before";
     std::smatch m;
@@ -248,7 +248,7 @@ TEST_F(ConfWriter, PreviousFileStaysUnderATimestampedNameAndAFailedOpenIsReporte
     ASSERT_EQ(save(), 0);
     EXPECT_FALSE(fs::exists(backups[0])) << "conf-backups=0 keeps no backup";
 
-    std::string missing = (dir.path() / "nope" / "w.conf").string();
+    std::string missing = (dir.path / "nope" / "w.conf").string();
     inst->conf_file.set(missing);
     EXPECT_EQ(save(), -ENOENT);
     EXPECT_NE(logged.find("watchdog_save_conf: failed to open [" + missing + "], r=2 (No such file or directory)"),
@@ -266,9 +266,8 @@ TEST(HostSafety, OnlyTheOldestBackupsAndRotatedLogsBeyondTheLimitGo)
     EXPECT_EQ(conf_backups_beyond(backups_dir, "w.conf", 2), names({"w.conf-99.999999", "w.conf-100.5"}));
     EXPECT_EQ(conf_backups_beyond(backups_dir, "w.conf", 0),
               names({"w.conf-99.999999", "w.conf-100.5", "w.conf-100.40", "w.conf-101.0"}));
-    EXPECT_EQ(conf_backups_beyond(backups_dir, "w.conf", 4), names());
     EXPECT_EQ(log_rotated_beyond(logs_dir, "w.log", 1), names({"w.log-20231231_235959", "w.log-20240101_000000"}));
-    EXPECT_EQ(log_rotated_beyond(logs_dir, "w.log", 3), names());
+    EXPECT_EQ(conf_backups_beyond(backups_dir, "w.conf", 4).size() + log_rotated_beyond(logs_dir, "w.log", 3).size(), 0u);
 }
 
 }  // namespace

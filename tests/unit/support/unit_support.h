@@ -20,20 +20,16 @@ namespace unit_support {
 namespace fs = std::filesystem;
 
 // A fresh directory under /tmp, removed with its contents when the owner ends.
-class scratch_dir {
-public:
+struct scratch_dir {
     explicit scratch_dir(const std::string& prefix)
     {
         std::string tmpl = "/tmp/" + prefix + "-XXXXXX";
         if (!mkdtemp(tmpl.data())) throw std::runtime_error("cannot make " + tmpl);
-        path_ = tmpl;
+        path = tmpl;
     }
-    ~scratch_dir() { std::error_code ec; fs::remove_all(path_, ec); }
+    ~scratch_dir() { std::error_code ec; fs::remove_all(path, ec); }
     scratch_dir(const scratch_dir&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
+    fs::path path;
 };
 
 inline std::string file_text(const fs::path& path)
@@ -73,12 +69,11 @@ struct owned_instance {
 // to standard error goes to `err`.
 inline int read_options(instance* inst, std::vector<std::string> args, std::string& err)
 {
-    std::string program = "VantrelWatchdog";
-    std::vector<char*> argv{program.data()};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
+    args.insert(args.begin(), "VantrelWatchdog");
+    std::vector<char*> argv(args.size() + 1);   // ends in a null pointer, as the reader expects
+    for (std::size_t i = 0; i < args.size(); i++) argv[i] = args[i].data();
     ::testing::internal::CaptureStderr();
-    int r = instance_opts(inst, static_cast<int>(argv.size()) - 1, argv.data());
+    int r = instance_opts(inst, static_cast<int>(args.size()), argv.data());
     err = ::testing::internal::GetCapturedStderr();
     return r;
 }
@@ -106,7 +101,8 @@ inline std::string describe(const instance* inst)
     num("cpu", inst->cpu_affinity), num("rtio", inst->realtime_io), num("rtcpu", inst->realtime_cpu);
     text("conf", inst->conf_file);
     const host_options& host = inst->host;   // backups kept, rotated logs kept, children's umask
-    if (host.conf_backups != 20 || host.log_keep != 30 || host.child_umask) out << " host=" << host.conf_backups << "," << host.log_keep << "," << host.child_umask;
+    if (host.conf_backups != 20 || host.log_keep != 30 || host.child_umask)
+        out << " host=" << host.conf_backups << "," << host.log_keep << "," << host.child_umask;
     out << " apps=" << inst->cnt;
     for (int i = 0; i < inst->cnt && inst->cnt <= 3; i++) {
         const app& a = *inst->apps[i];
