@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <regex>
 #include <string>
 #include <thread>
@@ -13,39 +12,27 @@
 #include "log/log_hooks.h"
 #include "unit_support.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
 using namespace unit_support;
 
-std::vector<std::string> lines(const fs::path& p) { return lines_of(file_text(p)); }
+// A line without its timestamp: the mark and the text.
+std::string bare(const std::string& line) { return line.substr(0, 2) + (line.size() > 28 ? line.substr(28) : ""); }
 
 struct LogFile : ::testing::Test {
     void SetUp() override { log_set_stderr(0); }
-    void TearDown() override
-    {
-        log_stop();
-        log_set_stderr(1);
-    }
-    std::vector<fs::path> rotated()
-    {
-        std::vector<fs::path> found;
-        for (auto& e : fs::directory_iterator(dir.path()))
-            if (std::regex_match(e.path().filename().string(), std::regex(R"(w\.log-\d{8}_\d{6})"))) found.push_back(e);
-        return found;
-    }
+    void TearDown() override { log_stop(), log_set_stderr(1); }
+    std::vector<std::string> lines() { return lines_of(file_text(file)); }
     scratch_dir dir{"log-test"};
-    fs::path file = dir.path() / "w.log";
+    fs::path file = dir.path / "w.log";
 };
 
 TEST(LogPolicy, PrefixMarksAndRotationDates)
 {
     setenv("TZ", "UTC", 1);
     tzset();
-    EXPECT_EQ(log_line_prefix(LOG_ERROR, 1527854405, 42999), "! [2018-06-01 12:00:05.042] ");
-    EXPECT_EQ(log_line_prefix(LOG_INFO, 1527854405, 999999), "  [2018-06-01 12:00:05.999] ");
-    EXPECT_EQ(log_line_prefix(LOG_TRACE, 1527854405, 0), "? [2018-06-01 12:00:05.000] ");
+    EXPECT_EQ(log_line_prefix(LOG_ERROR, 1527854405, 42999) + log_line_prefix(LOG_INFO, 1527854405, 999999) +
+                  log_line_prefix(LOG_TRACE, 1527854405, 0), "! [2018-06-01 12:00:05.042]   [2018-06-01 12:00:05.999] ? [2018-06-01 12:00:05.000] ");
     EXPECT_EQ(log_rotated_name("/var/log/w.log", 1527854405), "/var/log/w.log-20180601_120005");
     EXPECT_EQ(log_rotated_name(std::string(5000, 'a'), 1).size(), 4095u);
     // {last rotation, interval, now, due}: more than the interval; 0 once per second; negative always.
@@ -54,35 +41,33 @@ TEST(LogPolicy, PrefixMarksAndRotationDates)
     for (auto& c : cases) EXPECT_EQ(log_rotation_due(c[0], int(c[1]), c[2]), bool(c[3])) << c[0] << " " << c[1] << " " << c[2];
 }
 
-TEST_F(LogFile, EarlierRunIsRotatedAndLinesArriveInOrderWithTheirMarks)
+TEST_F(LogFile, EarlierRunIsRotatedLinesArriveInOrderWithTheirMarksAndOverflowIsDropped)
 {
     write_file(file, "old run\n");
-    fs::path nested = dir.path() / "sub" / "x.log";
     ASSERT_EQ(log_start(file.c_str(), 86400), 0);
     log_printf(LOG_INFO, "%s: first %d", "tester", 1);
     log_printf(LOG_ERROR, "second");
     log_printf(LOG_TRACE, "%s", std::string(200000, 'x').c_str());
     ASSERT_EQ(log_stop(), 0);
-    auto got = lines(file);
+    auto got = lines();
     ASSERT_EQ(got.size(), 3u);
-    EXPECT_EQ(got[0].substr(0, 2) + got[0].substr(28), "  tester: first 1");
-    EXPECT_EQ(got[1].substr(0, 2) + got[1].substr(28), "! second");
-    EXPECT_EQ(got[2].substr(0, 2), "? ");
+    EXPECT_EQ(bare(got[0]) + "|" + bare(got[1]) + "|" + got[2].substr(0, 2), "  tester: first 1|! second|? ");
     EXPECT_EQ(got[2].size(), LOG_LINE_MAX);
-    ASSERT_EQ(rotated().size(), 1u);
-    EXPECT_EQ(file_text(rotated()[0]), "old run\n");
-    ASSERT_EQ(log_start(nested.c_str(), -1), 0);   // missing directories are made; rotation at every line
+    std::vector<fs::path> rotated;
+    for (auto& e : fs::directory_iterator(dir.path))
+        if (std::regex_match(e.path().filename().string(), std::regex(R"(w\.log-\d{8}_\d{6})"))) rotated.push_back(e);
+    ASSERT_EQ(rotated.size(), 1u);
+    EXPECT_EQ(file_text(rotated[0]), "old run\n");
+    file = dir.path / "sub" / "x.log";
+    ASSERT_EQ(log_start(file.c_str(), -1), 0);   // missing directories are made; rotation at every line
     log_printf(LOG_INFO, "one");
     log_printf(LOG_INFO, "two");
     ASSERT_EQ(log_stop(), 0);
-    ASSERT_EQ(lines(nested).size(), 1u);
-    EXPECT_EQ(lines(nested)[0].substr(28), "two");
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_EQ(bare(lines()[0]), "  two");
     EXPECT_EQ(log_printf(LOG_INFO, "after stop"), 0);
     EXPECT_EQ(log_stop(), -1);
-}
-
-TEST_F(LogFile, QueueOverflowDropsTheLineWithAMessageAndStopWritesTheRest)
-{
+    // A full queue drops the line with a message; stop writes the rest.
     ASSERT_EQ(log_start(file.c_str(), 86400), 0);
     log_test_hold_writer(1);
     for (int i = 0; i < LOG_QUEUE_MAX; i++) log_printf(LOG_INFO, "line %d", i);
@@ -91,28 +76,25 @@ TEST_F(LogFile, QueueOverflowDropsTheLineWithAMessageAndStopWritesTheRest)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "ERROR! message queue OVERFLOW!!!\n");
     EXPECT_EQ(log_test_queued(), LOG_QUEUE_MAX);
     ASSERT_EQ(log_stop(), 0);
-    auto got = lines(file);
+    got = lines();
     ASSERT_EQ(got.size(), static_cast<std::size_t>(LOG_QUEUE_MAX));
-    EXPECT_EQ(got.back().substr(28), "line " + std::to_string(LOG_QUEUE_MAX - 1));
+    EXPECT_EQ(bare(got.back()), "  line " + std::to_string(LOG_QUEUE_MAX - 1));
 }
 
 TEST_F(LogFile, LinesFromManyThreadsNeverMixAndKeepTheirOrder)
 {
     ASSERT_EQ(log_start(file.c_str(), 86400), 0);
     std::vector<std::thread> workers;
-    for (int t = 0; t < 4; t++)
-        workers.emplace_back([t] {
-            for (int i = 0; i < 1000; i++) log_printf(LOG_INFO, "t%d n%d payload", t, i);
-        });
+    for (int t = 0; t < 4; t++) workers.emplace_back([t] { for (int i = 0; i < 1000; i++) log_printf(LOG_INFO, "t%d n%d payload", t, i); });
     for (auto& w : workers) w.join();
     ASSERT_EQ(log_stop(), 0);
-    auto got = lines(file);
+    auto got = lines();
     ASSERT_EQ(got.size(), 4000u);
     int next[4] = {};
-    std::regex body(R"(t(\d) n(\d+) payload)");
+    std::regex body(R"(  t(\d) n(\d+) payload)");
     for (const auto& line : got) {
         std::smatch m;
-        std::string msg = line.substr(28);
+        std::string msg = bare(line);
         ASSERT_TRUE(std::regex_match(msg, m, body)) << line;
         EXPECT_EQ(std::stoi(m[2]), next[std::stoi(m[1])]++);
     }

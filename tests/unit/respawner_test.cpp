@@ -137,7 +137,7 @@ protected:
     pid_t grandchild(int line) { return std::stoi(lines_of(file_text(dir_ / "gc")).at(line)); }
 
     scratch_dir scratch_{"respawner_test"};
-    fs::path dir_ = scratch_.path();
+    fs::path dir_ = scratch_.path;
     instance* inst_ = nullptr;
     std::atomic<int> sig_cnt_{0};
     bool started_ = false;

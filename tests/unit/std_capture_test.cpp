@@ -84,7 +84,7 @@ protected:
     bool exists(const char* name) { return fs::exists(dir_ / "wd.log.sessions" / name); }
 
     scratch_dir tmp_{"std_capture_test"};
-    fs::path dir_ = tmp_.path();
+    fs::path dir_ = tmp_.path;
     instance* inst_ = nullptr;
     app* record_ = app_new();
     char scratch_[STD_BUF_SIZE];

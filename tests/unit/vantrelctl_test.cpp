@@ -11,13 +11,9 @@ TEST(VantrelctlState, DerivedFromStatusFields)
 {
     struct row { app_facts facts; const char* state; bool should_run; };
     const row rows[] = {
-        {{1234, 0, 1, ""}, "running", true},
-        {{1234, 0, 0, ""}, "running", false},
-        {{1234, 3, 1, ""}, "stopping", true},
-        {{0, 0, 0, ""}, "stopped", false},
-        {{0, 0, 1, ""}, "starting", true},
-        {{0, 0, 0, "Respawn too fast"}, "exited too fast", true},
-        {{0, 0, 0, "Start error"}, "start error", true},
+        {{1234, 0, 1, ""}, "running", true}, {{1234, 0, 0, ""}, "running", false}, {{1234, 3, 1, ""}, "stopping", true},
+        {{0, 0, 0, ""}, "stopped", false}, {{0, 0, 1, ""}, "starting", true},
+        {{0, 0, 0, "Respawn too fast"}, "exited too fast", true}, {{0, 0, 0, "Start error"}, "start error", true},
     };
     for (const row& r : rows) {
         SCOPED_TRACE(r.state);
@@ -44,25 +40,15 @@ TEST(VantrelctlResolve, NamesIndexesHandlesAndGlobs)
     };
     struct row { std::vector<std::string> tokens; bool many; std::vector<int> indexes; const char* error; };
     const row rows[] = {
-        {{"Mix B"}, false, {1}, ""},
-        {{"1"}, false, {1}, ""},
-        {{"@20"}, false, {1}, ""},
-        {{"@0X0020"}, false, {1}, ""},
-        {{"elem_dve"}, false, {3}, ""},
-        {{"M?x B"}, false, {1}, ""},
-        {{"elem_clock"}, false, {4}, ""},
+        {{"Mix B"}, false, {1}, ""}, {{"1"}, false, {1}, ""}, {{"@20"}, false, {1}, ""}, {{"@0X0020"}, false, {1}, ""},
+        {{"elem_dve"}, false, {3}, ""}, {{"M?x B"}, false, {1}, ""}, {{"elem_clock"}, false, {4}, ""},
         {{"Mix A"}, false, {}, "'Mix A' is ambiguous; candidates:\n  0 @1f Mix A (elem_mixer)\n"
                                "  2 @2a Mix A (elem_matrix)\nname one by index or @handle"},
-        {{"Mix*"}, false, {}, "'Mix*' is ambiguous"},
-        {{"elem_mixer"}, false, {}, "'elem_mixer' is ambiguous"},
-        {{"2"}, false, {}, "'2' is ambiguous"},
-        {{"5"}, false, {}, "no application '5'"},
-        {{"@21"}, false, {}, "no application with handle @21"},
-        {{"Z*"}, true, {}, "no application matches 'Z*'"},
-        {{"Mix*", "1"}, true, {0, 1, 2}, ""},
-        {{"elem_clock", "Mix B"}, true, {1, 4}, ""},
-        {{"all"}, true, {0, 1, 2, 3, 4}, ""},
-        {{"Mix A"}, true, {}, "'Mix A' is ambiguous"},
+        {{"Mix*"}, false, {}, "'Mix*' is ambiguous"}, {{"elem_mixer"}, false, {}, "'elem_mixer' is ambiguous"},
+        {{"2"}, false, {}, "'2' is ambiguous"}, {{"5"}, false, {}, "no application '5'"},
+        {{"@21"}, false, {}, "no application with handle @21"}, {{"Z*"}, true, {}, "no application matches 'Z*'"},
+        {{"Mix*", "1"}, true, {0, 1, 2}, ""}, {{"elem_clock", "Mix B"}, true, {1, 4}, ""},
+        {{"all"}, true, {0, 1, 2, 3, 4}, ""}, {{"Mix A"}, true, {}, "'Mix A' is ambiguous"},
     };
     for (const row& r : rows) {
         SCOPED_TRACE(r.tokens[0]);

@@ -1,14 +1,10 @@
 // Scaffolding the unit test programs share: scratch directories, file
-// contents, option-reader passes, descriptor counts and control replies.
+// contents, option-reader passes and a configuration as one line of text.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cinttypes>
-#include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,33 +20,22 @@ namespace unit_support {
 namespace fs = std::filesystem;
 
 // A fresh directory under /tmp, removed with its contents when the owner ends.
-class scratch_dir {
-public:
+struct scratch_dir {
     explicit scratch_dir(const std::string& prefix)
     {
         std::string tmpl = "/tmp/" + prefix + "-XXXXXX";
         if (!mkdtemp(tmpl.data())) throw std::runtime_error("cannot make " + tmpl);
-        path_ = tmpl;
+        path = tmpl;
     }
-    ~scratch_dir()
-    {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
+    ~scratch_dir() { std::error_code ec; fs::remove_all(path, ec); }
     scratch_dir(const scratch_dir&) = delete;
-    scratch_dir& operator=(const scratch_dir&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
+    fs::path path;
 };
 
 inline std::string file_text(const fs::path& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 inline std::vector<std::string> lines_of(const std::string& text)
@@ -61,10 +46,7 @@ inline std::vector<std::string> lines_of(const std::string& text)
     return out;
 }
 
-inline void write_file(const fs::path& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
+inline void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 // An executable /bin/sh script.
 inline void write_script(const fs::path& path, const std::string& body)
@@ -73,32 +55,23 @@ inline void write_script(const fs::path& path, const std::string& body)
     fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
 }
 
-inline int open_fd_count()
-{
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir) return -1;
-    int count = 0;
-    for (int i = 0; i < 100000 && readdir(dir); i++) count++;
-    closedir(dir);
-    return count;
-}
-
-// A handle as the control methods spell it.
-inline std::string hex(uint64_t handle)
-{
-    char text[32];
-    snprintf(text, sizeof text, "%" PRIx64, handle);
-    return text;
-}
+// An instance that lives as long as its owner and passes as the pointer the code takes.
+struct owned_instance {
+    instance* p = nullptr;
+    owned_instance() { instance_create(&p); }
+    ~owned_instance() { instance_destroy(&p); }
+    owned_instance(const owned_instance&) = delete;
+    operator instance*() const { return p; }
+    instance* operator->() const { return p; }
+};
 
 // One option-reader pass over `args` behind the program name; what it wrote
 // to standard error goes to `err`.
 inline int read_options(instance* inst, std::vector<std::string> args, std::string& err)
 {
     args.insert(args.begin(), "VantrelWatchdog");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv(args.size() + 1);   // ends in a null pointer, as the reader expects
+    for (std::size_t i = 0; i < args.size(); i++) argv[i] = args[i].data();
     ::testing::internal::CaptureStderr();
     int r = instance_opts(inst, static_cast<int>(args.size()), argv.data());
     err = ::testing::internal::GetCapturedStderr();
@@ -123,25 +96,19 @@ inline std::string describe(const instance* inst)
     out << "port=" << inst->port << " log=" << inst->log_file_name.str() << " rot=" << inst->log_rotate_interval;
     auto text = [&](const char* key, const bounded_str& v) { if (!v.empty()) out << " " << key << "=" << v.str(); };
     auto num = [&](const char* key, long v) { if (v) out << " " << key << "=" << v; };
-    text("name", inst->instance_name);
-    text("secret", inst->web_auth_secret);
-    num("demonize", inst->demonize);
-    num("nodemonize", inst->nodemonize);
-    num("debug", inst->debug);
-    num("cpu", inst->cpu_affinity);
-    num("rtio", inst->realtime_io);
-    num("rtcpu", inst->realtime_cpu);
+    text("name", inst->instance_name), text("secret", inst->web_auth_secret);
+    num("demonize", inst->demonize), num("nodemonize", inst->nodemonize), num("debug", inst->debug);
+    num("cpu", inst->cpu_affinity), num("rtio", inst->realtime_io), num("rtcpu", inst->realtime_cpu);
     text("conf", inst->conf_file);
+    const host_options& host = inst->host;   // backups kept, rotated logs kept, children's umask
+    if (host.conf_backups != 20 || host.log_keep != 30 || host.child_umask)
+        out << " host=" << host.conf_backups << "," << host.log_keep << "," << host.child_umask;
     out << " apps=" << inst->cnt;
     for (int i = 0; i < inst->cnt && inst->cnt <= 3; i++) {
         const app& a = *inst->apps[i];
         out << " [" << a.type << ":" << a.config.str();
-        text("alias", a.alias);
-        text("thumb", a.thumb);
-        text("bin", a.bin_path);
-        text("numa", a.numa_bind);
-        num("respawn", a.f_respawn);
-        num("autorun", a.f_autorun);
+        text("alias", a.alias), text("thumb", a.thumb), text("bin", a.bin_path), text("numa", a.numa_bind);
+        num("respawn", a.f_respawn), num("autorun", a.f_autorun);
         if (!a.envs.empty()) out << " env=" << list_text(a.envs);
         if (!a.raws.empty()) out << " raw=" << list_text(a.raws);
         out << "]";
