@@ -276,6 +276,8 @@ void* watchdog_respawner_proc(void* arg)
 
 int watchdog_respawner_start(instance* inst)
 {
+    // The signal thread and the control methods may already look at these.
+    instance_lock_guard guard(inst);
     log_printf(LOG_INFO, "Will care about %d apps", inst->cnt);
     inst->amend = static_cast<uint32_t>(watchdog_os.wall_s());
     inst->amend_at_start = inst->amend;

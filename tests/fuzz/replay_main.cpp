@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -15,25 +14,13 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 int main(int argc, char** argv)
 {
     if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
-    std::vector<std::filesystem::path> inputs;
-    for (int i = 1; i < argc; i++) {
-        std::filesystem::path arg(argv[i]);
-        if (!std::filesystem::is_directory(arg)) {
-            inputs.push_back(arg);
-            continue;
-        }
-        for (const auto& entry : std::filesystem::directory_iterator(arg))
-            if (entry.is_regular_file()) inputs.push_back(entry.path());
-    }
-    if (inputs.empty()) {
-        fprintf(stderr, "replay: no corpus files given\n");
-        return 1;
-    }
-    for (const auto& path : inputs) {
-        std::ifstream in(path, std::ios::binary);
+    int inputs = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(argc > 1 ? argv[1] : ".")) {
+        std::ifstream in(entry.path(), std::ios::binary);
         std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         LLVMFuzzerTestOneInput(data.data(), data.size());
+        inputs++;
     }
-    printf("replay: %zu inputs\n", inputs.size());
-    return 0;
+    printf("replay: %d inputs\n", inputs);
+    return inputs > 0 ? 0 : 1;
 }
