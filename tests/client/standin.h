@@ -19,8 +19,9 @@
 #include "common/xmlrpc_raii.h"
 
 // Ints 1, i8 1L, doubles 1.5, strings "a", byte strings b"a", booleans, arrays
-// [a,b], structs {"k":v} in member order.
-inline std::string render(xmlrpc_value* v)
+// [a,b], structs {"k":v} in member order. Compact: strings 'a', byte strings
+// by length b3, struct keys bare.
+inline std::string render(xmlrpc_value* v, bool compact = false)
 {
     xmlrpc_env_guard env;
     std::string out;
@@ -44,19 +45,21 @@ inline std::string render(xmlrpc_value* v)
     case XMLRPC_TYPE_STRING:
         xmlrpc_read_string(env.get(), v, text.out());
         decoded_adopt(text);
-        return "\"" + std::string(text.get()) + "\"";
+        return (compact ? "'" : "\"") + std::string(text.get()) + (compact ? "'" : "\"");
     case XMLRPC_TYPE_BASE64:
         xmlrpc_read_base64(env.get(), v, &len, &bytes);
         out.assign(reinterpret_cast<const char*>(bytes), len);
         free(const_cast<unsigned char*>(bytes));
-        return "b\"" + out + "\"";
+        return compact ? "b" + std::to_string(len) : "b\"" + out + "\"";
     case XMLRPC_TYPE_ARRAY:
     case XMLRPC_TYPE_STRUCT:
         for (int i = 0, size = is_struct ? xmlrpc_struct_size(env.get(), v) : xmlrpc_array_size(env.get(), v); i < size; i++) {
             xmlrpc_value_ref key, item;
             if (is_struct) xmlrpc_struct_read_member(env.get(), v, i, key.out(), item.out());
             else xmlrpc_array_read_item(env.get(), v, i, item.out());
-            out += (i ? "," : "") + (is_struct ? render(key.get()) + ":" : "") + render(item.get());
+            std::string name = is_struct ? render(key.get(), compact) : "";
+            if (compact && is_struct) name = name.substr(1, name.size() - 2);
+            out += (i ? "," : "") + (is_struct ? name + ":" : "") + render(item.get(), compact);
         }
         return (is_struct ? "{" : "[") + out + (is_struct ? "}" : "]");
     default: return "?";
