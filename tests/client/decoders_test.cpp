@@ -24,18 +24,6 @@ namespace {
 using outcome = std::pair<int, std::string>;   // result, texts delivered
 using value = xmlrpc_value_ref;
 
-value build(const char* format, ...)
-{
-    xmlrpc_env_guard env;
-    va_list ap;
-    va_start(ap, format);
-    xmlrpc_value* v = nullptr;
-    const char* tail = nullptr;
-    xmlrpc_build_value_va(env.get(), format, ap, &v, &tail);
-    va_end(ap);
-    return value(v);
-}
-
 // {"result": 0, "list": [element]}
 value listed(xmlrpc_value* el) { return build("{s:i,s:(V)}", "result", 0, "list", el); }
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdarg>
 #include <cstdlib>
 #include <mutex>
 #include <sstream>
@@ -17,6 +18,25 @@
 #include <xmlrpc-c/server_abyss.h>
 
 #include "common/xmlrpc_raii.h"
+
+// A value built from an xmlrpc-c format string; null when the format fails.
+inline xmlrpc_value* build_va(const char* format, va_list ap)
+{
+    xmlrpc_env_guard env;
+    xmlrpc_value* v = nullptr;
+    const char* tail = nullptr;
+    xmlrpc_build_value_va(env.get(), format, ap, &v, &tail);
+    return v;
+}
+
+inline xmlrpc_value_ref build(const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    xmlrpc_value_ref v(build_va(format, ap));
+    va_end(ap);
+    return v;
+}
 
 // Ints 1, i8 1L, doubles 1.5, strings "a", byte strings b"a", booleans, arrays
 // [a,b], structs {"k":v} in member order. Compact: strings 'a', byte strings

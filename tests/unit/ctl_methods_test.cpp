@@ -82,16 +82,13 @@ struct Ctl : ::testing::Test {
     // The reply as compact text (i8 values end in "L", base64 shows its length), or "fault"; what was logged meanwhile lands in `logged`.
     std::string call(method_fn method, const char* format, ...)
     {
-        xmlrpc_env_guard env;
         va_list ap;
         va_start(ap, format);
-        xmlrpc_value* params = nullptr;
-        const char* tail = nullptr;
-        xmlrpc_build_value_va(env.get(), format, ap, &params, &tail);
+        xmlrpc_value_ref params(build_va(format, ap));
         va_end(ap);
-        xmlrpc_value_ref owned(params);
+        xmlrpc_env_guard env;
         testing::internal::CaptureStderr();
-        xmlrpc_value_ref reply(method(env.get(), params, inst, nullptr));
+        xmlrpc_value_ref reply(method(env.get(), params.get(), inst, nullptr));
         logged = testing::internal::GetCapturedStderr();
         EXPECT_EQ(env.failed(), !reply);
         return reply ? render(reply.get(), true) : "fault";
