@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "child_conf.h"
 
 struct instance;
 struct app;
@@ -21,10 +20,6 @@ bool launch_runnable(const app& record);
 // bin_path, or the supervisor's own directory, plus "/" and the type's executable
 // (a script's bin_path is the program itself). `path` holds `size` bytes.
 void launch_exec_path(const app& record, char* path, std::size_t size);
-
-// The per-child option file (child_conf.h), under the names the launch knew.
-inline int launch_write_child_conf(app& record) { return child_conf_create(record); }
-inline unsigned launch_conf_seq() { return child_conf_seq(); }
 
 // Fills argv (LAUNCH_VEC_SLOTS slots, null-terminated); writes the per-child option
 // file when the type takes one. Entries point into `record` or at `path`.

@@ -71,7 +71,7 @@ TEST(Launch, ExecutablePathArgumentsAndTheOptionFileWithItsDefaults)
     for (const row& w : rows) {
         launch_app a(w.type, w.alias, w.raws);
         a.r->config.set(w.config);
-        unsigned seq = launch_conf_seq();
+        unsigned seq = child_conf_seq();
         strings argv = a.argv(), expected = w.argv_head;
         if (w.conf) {
             char path[64];
@@ -80,7 +80,7 @@ TEST(Launch, ExecutablePathArgumentsAndTheOptionFileWithItsDefaults)
             EXPECT_EQ(file_text(path), w.conf) << w.type << " " << w.alias;
         }
         EXPECT_EQ(argv, expected) << w.type << " " << w.alias;
-        EXPECT_EQ(launch_conf_seq(), seq + (w.conf ? 1 : 0)) << w.type << " " << w.alias;
+        EXPECT_EQ(child_conf_seq(), seq + (w.conf ? 1 : 0)) << w.type << " " << w.alias;
     }
     strings raws;   // a script takes at most 62 arguments, comments left out
     for (int i = 0; i < 70; i++) raws.push_back(i % 10 == 5 ? "#c" + std::to_string(i) : "a" + std::to_string(i));
