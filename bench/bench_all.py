@@ -36,8 +36,10 @@ sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e"))
 
 import getstatus_throughput  # noqa: E402  (its clients are reused)
 import rss_idle  # noqa: E402
+import standalone  # noqa: E402
 import watchdog_harness  # noqa: E402
-from watchdog_harness import Watchdog, wait_until  # noqa: E402
+from standalone import watchdog as Watchdog  # noqa: E402
+from watchdog_harness import wait_until  # noqa: E402
 
 APPS = getstatus_throughput.APPS
 CHILDREN = 50
@@ -224,7 +226,8 @@ def burst_rates(took):
 def plain_pipe_rate(wd):
     """MiB/s the burst sees writing into `cat > /dev/null`."""
     took = wd.path("took-plain")
-    script = wd.add_script("burst-plain.sh", BURST.format(mib=CAPTURE_MIB, took=took))
+    wd.add_script("burst-plain.sh", BURST.format(mib=CAPTURE_MIB, took=took))
+    script = os.path.join(wd.bin_dir, "burst-plain.sh")
     subprocess.run("%s | cat > /dev/null" % script, shell=True, check=True, timeout=120)
     return burst_rates(took)[-1]
 

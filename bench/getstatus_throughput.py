@@ -22,6 +22,7 @@ import xmlrpc.client
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e"))
 
+import standalone  # noqa: E402
 import watchdog_harness  # noqa: E402
 
 APPS = 1024
@@ -115,7 +116,7 @@ def main():
     seconds = min(float(sys.argv[2]), 60.0) if len(sys.argv) > 2 else 5.0
     watchdog_harness.BIN = os.path.abspath(binary)
 
-    wd = watchdog_harness.Watchdog()
+    wd = standalone.watchdog()
     try:
         wd.write_conf(configured_apps())
         wd.start()

@@ -15,6 +15,7 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e"))
 
+import standalone  # noqa: E402
 import watchdog_harness  # noqa: E402
 
 APPS = 1024
@@ -41,7 +42,7 @@ def main():
     binary = (sys.argv[1] if len(sys.argv) > 1 else
               os.environ.get("WATCHDOG_BIN") or os.path.join(HERE, "..", "build", "src", "VantrelWatchdog"))
     watchdog_harness.BIN = os.path.abspath(binary)
-    wd = watchdog_harness.Watchdog()
+    wd = standalone.watchdog()
     try:
         lines = []
         for i in range(APPS):
