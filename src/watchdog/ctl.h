@@ -23,6 +23,7 @@ uint64_t ctl_handle_parse(const char* ptr);
 // ctl_init, and by tests that feed requests without a socket).
 void ctl_register_methods(_xmlrpc_env* env, xmlrpc_registry* registry, instance* inst);
 // Answers one request body as the control port does: screened first (see
-// ctl_screen.h; only the table's methods), then handed to `registry`.
-void ctl_process_call(_xmlrpc_env* env, xmlrpc_registry* registry, const char* xml, std::size_t len,
-                      _xmlrpc_mem_block** response);
+// ctl_screen.h; only the table's methods), then handed to `registry`, except
+// a well-formed GetStatus, answered for `inst` from its ready bytes.
+void ctl_process_call(_xmlrpc_env* env, instance* inst, xmlrpc_registry* registry, const char* xml,
+                      std::size_t len, _xmlrpc_mem_block** response);

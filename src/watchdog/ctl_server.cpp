@@ -25,6 +25,7 @@
 #include "ctl_listener.h"
 #include "ctl_methods.h"
 #include "ctl_screen.h"
+#include "ctl_status.h"
 #include "descriptors.h"
 #include "instance.h"
 #include "log/log.h"
@@ -35,6 +36,7 @@
 extern "C" void xmlrpc_strfree(const char* text);
 
 struct ctl_state {
+    instance* inst = nullptr;
     TServer abyss{};            // reads requests and writes answers; accepts nothing itself
     bool abyss_created = false;
     xmlrpc_registry* registry = nullptr;
@@ -50,9 +52,12 @@ struct ctl_method {
     xmlrpc_method2 handler;   // the library's name for the four-argument form
 };
 
+// Polled by every front end: answered from ready bytes instead of the registry.
+const char* const STATUS_METHOD = "VantrelWatchdog.GetStatus";
+
 // The only methods reachable over the wire, in registration order.
 const ctl_method ctl_methods[] = {
-    {"VantrelWatchdog.GetStatus", ctl_method_GetStatus},
+    {STATUS_METHOD, ctl_method_GetStatus},
     {"VantrelWatchdog.GetElements", ctl_method_GetElements},
     {"VantrelWatchdog.SetField", ctl_method_SetField},
     {"VantrelWatchdog.GetItem", ctl_method_GetItem},
@@ -112,6 +117,19 @@ const char* refusal_of(const ctl_screen_result& screened, int* code)
     return method_in_table(screened.method) ? nullptr : "no such method";
 }
 
+// Whether `xml` is a well-formed call; the registry answers one that is not.
+bool parses_as_call(const char* xml, size_t len)
+{
+    xmlrpc_env_guard env;
+    const char* method = nullptr;
+    xmlrpc_value* params = nullptr;
+    xmlrpc_parse_call(env.get(), xml, len, &method, &params);
+    if (env.failed()) return false;
+    xmlrpc_strfree(method);
+    xmlrpc_DECREF(params);
+    return true;
+}
+
 void fault_response(xmlrpc_env* env, int code, const char* text, xmlrpc_mem_block** response)
 {
     xmlrpc_env_guard fault;
@@ -121,11 +139,12 @@ void fault_response(xmlrpc_env* env, int code, const char* text, xmlrpc_mem_bloc
     xmlrpc_serialize_fault(env, *response, fault.get());
 }
 
-void process_xml(xmlrpc_env* env, void* registry, const char* xml, size_t len, TSession*,
+void process_xml(xmlrpc_env* env, void* state, const char* xml, size_t len, TSession*,
                  xmlrpc_mem_block** response)
 {
     ctl_listener_request_read();
-    ctl_process_call(env, static_cast<xmlrpc_registry*>(registry), xml, len, response);
+    ctl_state* ctl = static_cast<ctl_state*>(state);
+    ctl_process_call(env, ctl->inst, ctl->registry, xml, len, response);
 }
 
 void serve_connection(int fd, void* arg)
@@ -161,7 +180,7 @@ bool create_abyss(ctl_state* ctl)
     xmlrpc_env_guard env;
     xmlrpc_server_abyss_handler_parms handler{};
     handler.xml_processor = process_xml;
-    handler.xml_processor_arg = ctl->registry;
+    handler.xml_processor_arg = ctl;
     handler.uri_path = "/RPC2";
     xmlrpc_server_abyss_set_handler3(env.get(), &ctl->abyss, &handler, XMLRPC_AHPSIZE(uri_path));
     xmlrpc_server_abyss_set_default_handler(&ctl->abyss);
@@ -193,15 +212,21 @@ void ignore_sigpipe(ctl_state* ctl)
 
 }  // namespace
 
-void ctl_process_call(xmlrpc_env* env, xmlrpc_registry* registry, const char* xml, size_t len,
+void ctl_process_call(xmlrpc_env* env, instance* inst, xmlrpc_registry* registry, const char* xml, size_t len,
                       xmlrpc_mem_block** response)
 {
     int code = 0;
-    const char* refusal = refusal_of(ctl_screen_request(std::string_view(xml, len)), &code);
+    ctl_screen_result screened = ctl_screen_request(std::string_view(xml, len));
+    const char* refusal = refusal_of(screened, &code);
     if (refusal) {
         log_printf(LOG_ERROR, "%s: request refused: %s", "ctl_process_call", refusal);
         fault_response(env, code, refusal, response);
         return;
+    }
+    if (screened.method == STATUS_METHOD && parses_as_call(xml, len)) {
+        xmlrpc_env_guard status_env;
+        if (ctl_status_respond(status_env.get(), inst, response)) return;
+        // Out of memory: the registry's answer says so.
     }
     xmlrpc_registry_process_call2(env, registry, xml, len, nullptr, response);
 }
@@ -229,6 +254,7 @@ int ctl_init(instance* inst)
     ctl_state* ctl = new (std::nothrow) ctl_state{};
     if (!ctl) return -ENOMEM;
     inst->ctl = ctl;
+    ctl->inst = inst;
 
     xmlrpc_env_guard env;
     ctl->registry = xmlrpc_registry_new(env.get());

@@ -1,6 +1,14 @@
 #pragma once
-// Element port rules of GetElements, exposed for tests.
+// The GetStatus answer as sent, and element port rules of GetElements.
 struct app;
+struct instance;
+struct _xmlrpc_env;
+struct _xmlrpc_mem_block;
+
+// Sets `response` to a whole GetStatus methodResponse. Within one second and
+// while nothing listed changes, every caller gets the same bytes, serialised
+// once. False with a fault in `env` when memory ran out.
+bool ctl_status_respond(_xmlrpc_env* env, instance* inst, _xmlrpc_mem_block** response);
 
 // Control port of an element type when its raw lines name none (0 for the
 // elements without one); -1 for a type GetElements never lists.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -72,17 +73,18 @@ struct status_row {
     bool operator==(const status_row&) const = default;
 };
 
-// The last GetStatus answer with everything it was built from. An answer is a
-// function of these and of the second it was asked in, so when they are all
-// equal the same value is handed out again: a front end polling once a second
-// per user then costs no building (1024 applications take milliseconds of CPU
-// and leave megabytes behind in the allocator).
+// The last GetStatus answer as sent, with everything it was built from. An
+// answer is a function of these and of the second it was asked in, so when
+// they are all equal the same bytes go out again: a front end polling once a
+// second per user then costs neither building nor serialising (1024
+// applications take milliseconds of CPU and leave megabytes of small values
+// behind in the allocator).
 struct status_cache {
     std::mutex guard;
     int64_t now = -1;
     listing_head head;
     std::vector<status_row> rows;
-    xmlrpc_value* answer = nullptr;   // one reference held here
+    std::shared_ptr<const std::string> xml;   // a whole methodResponse
 };
 
 status_cache& last_status()
@@ -91,48 +93,50 @@ status_cache& last_status()
     return *cache;
 }
 
-xmlrpc_value* status_reuse(int64_t now, const listing_head& head, const std::vector<status_row>& rows)
+// One build at a time: eight clients crossing a second together would
+// otherwise build eight copies of the same answer side by side.
+std::mutex& status_build_guard()
+{
+    static std::mutex* guard = new std::mutex;
+    return *guard;
+}
+
+std::shared_ptr<const std::string> status_reuse(int64_t now, const listing_head& head,
+                                                const std::vector<status_row>& rows)
 {
     status_cache& cache = last_status();
     std::lock_guard<std::mutex> hold(cache.guard);
-    if (!cache.answer || cache.now != now || !(cache.head == head) || cache.rows != rows) return nullptr;
-    xmlrpc_INCREF(cache.answer);
-    return cache.answer;
+    if (!cache.xml || cache.now != now || !(cache.head == head) || cache.rows != rows) return nullptr;
+    return cache.xml;
 }
 
-// An answer from an earlier second can never be handed out again: it goes,
-// with its megabytes, as soon as that second is over.
+// An answer from an earlier second can never be sent again: it goes as soon
+// as that second is over.
 bool status_drop_stale(int64_t now_s)
 {
     status_cache& cache = last_status();
-    xmlrpc_value* old = nullptr;
+    std::shared_ptr<const std::string> old;
+    std::vector<status_row> old_rows;
     {
         std::lock_guard<std::mutex> hold(cache.guard);
-        if (!cache.answer || cache.now == now_s) return false;
-        old = cache.answer;
-        cache.answer = nullptr;
-        cache.rows = {};
+        if (!cache.xml || cache.now == now_s) return false;
+        old.swap(cache.xml);
+        old_rows.swap(cache.rows);
     }
-    xmlrpc_DECREF(old);
     return true;
 }
 
-void status_keep(int64_t now, listing_head head, std::vector<status_row> rows, xmlrpc_value* answer)
+void status_keep(int64_t now, listing_head head, std::vector<status_row> rows,
+                 std::shared_ptr<const std::string> xml)
 {
     mem_policy_set_release_hook(status_drop_stale);
     status_cache& cache = last_status();
-    xmlrpc_INCREF(answer);
-    xmlrpc_value* old = nullptr;
-    {
-        std::lock_guard<std::mutex> hold(cache.guard);
-        old = cache.answer;
-        cache.answer = answer;
-        cache.now = now;
-        cache.head = std::move(head);
-        cache.rows = std::move(rows);
-    }
-    if (old) xmlrpc_DECREF(old);
-}
+    std::lock_guard<std::mutex> hold(cache.guard);
+    cache.xml.swap(xml);
+    cache.now = now;
+    cache.head = std::move(head);
+    cache.rows.swap(rows);
+}   // the previous answer and rows are freed here, after the guard is released
 
 struct element_row {
     int type;
@@ -151,8 +155,6 @@ xmlrpc_value* status_item(xmlrpc_env* env, const status_row& r, int64_t now)
                               "f_respawn", r.f_respawn, "err", r.err.c_str(), "alias", r.alias.c_str(), "thumb",
                               r.thumb.c_str(), "app_name", type_name(r.type));
 }
-
-
 
 // Appends `item` (built by the caller) to `list`; false with a fault in `env`.
 bool append_item(xmlrpc_env* env, xmlrpc_value* list, xmlrpc_value* item)
@@ -191,41 +193,84 @@ bool ctl_element_port(const app& record, int* port)
     return true;
 }
 
+namespace {
+
+// Copies what a status answer needs; `now` is read before waiting for the
+// lock, so a slow lock does not inflate the reported run times.
+int64_t status_copy(instance* inst, listing_head& head, std::vector<status_row>& rows)
+{
+    int64_t now = time(nullptr);
+    rows.reserve(APPS_MAX);   // no reallocation while the lock is held
+    instance_lock_guard hold(inst);
+    head = copy_head(inst);
+    for (int i = 0; i < inst->cnt; i++) {
+        const app* a = inst->apps[i];
+        rows.push_back({a->amend, a->handle, a->pid, a->started, a->t_term, a->f_autorun, a->f_respawn, a->type,
+                        a->err.str(), a->alias.str(), a->thumb.str()});
+    }
+    return now;
+}
+
+xmlrpc_value* status_build(xmlrpc_env* env, const listing_head& head, const std::vector<status_row>& rows,
+                           int64_t now)
+{
+    xmlrpc_value_ref list(xmlrpc_array_new(env));
+    if (env->fault_occurred) return nullptr;
+    for (const status_row& r : rows)
+        if (!append_item(env, list.get(), status_item(env, r, now))) return nullptr;
+    if (rows.size() >= LARGE_LISTING_ROWS) mem_policy_note_large_answer();
+    return build_listing(env, head, list.get());
+}
+
+std::shared_ptr<const std::string> status_serialize(xmlrpc_env* env, const listing_head& head,
+                                                    const std::vector<status_row>& rows, int64_t now)
+{
+    xmlrpc_value_ref answer(status_build(env, head, rows, now));
+    if (env->fault_occurred) return nullptr;
+    xmlrpc_mem_block* block = XMLRPC_MEMBLOCK_NEW(char, env, 0);
+    if (env->fault_occurred) return nullptr;
+    xmlrpc_serialize_response2(env, block, answer.get(), xmlrpc_dialect_i8);
+    std::shared_ptr<const std::string> xml;
+    if (!env->fault_occurred)
+        xml = std::make_shared<const std::string>(XMLRPC_MEMBLOCK_CONTENTS(char, block),
+                                                  XMLRPC_MEMBLOCK_SIZE(char, block));
+    XMLRPC_MEMBLOCK_FREE(char, block);
+    return xml;
+}
+
+std::shared_ptr<const std::string> status_xml(xmlrpc_env* env, instance* inst)
+{
+    listing_head head;
+    std::vector<status_row> rows;
+    int64_t now = status_copy(inst, head, rows);
+    if (auto same = status_reuse(now, head, rows)) return same;
+    std::lock_guard<std::mutex> one_build(status_build_guard());
+    if (auto built_meanwhile = status_reuse(now, head, rows)) return built_meanwhile;
+    auto xml = status_serialize(env, head, rows, now);
+    if (xml) status_keep(now, std::move(head), std::move(rows), xml);
+    return xml;
+}
+
+}  // namespace
+
+bool ctl_status_respond(xmlrpc_env* env, instance* inst, xmlrpc_mem_block** response)
+{
+    std::shared_ptr<const std::string> xml = status_xml(env, inst);
+    if (!xml) return false;
+    *response = XMLRPC_MEMBLOCK_NEW(char, env, xml->size());
+    if (env->fault_occurred) return false;
+    memcpy(XMLRPC_MEMBLOCK_CONTENTS(char, *response), xml->data(), xml->size());
+    return true;
+}
+
 CTL_METHOD(GetStatus)
 {
     (void)params;
     (void)call_info;
-    instance* inst = static_cast<instance*>(server_info);
-    // The clock is read before waiting for the lock, so a slow lock does not
-    // inflate the reported run times.
-    int64_t now = time(nullptr);
-
     listing_head head;
     std::vector<status_row> rows;
-    rows.reserve(APPS_MAX);   // no reallocation while the lock is held
-    {
-        instance_lock_guard hold(inst);
-        head = copy_head(inst);
-        for (int i = 0; i < inst->cnt; i++) {
-            const app* a = inst->apps[i];
-            rows.push_back({a->amend, a->handle, a->pid, a->started, a->t_term, a->f_autorun, a->f_respawn, a->type,
-                            a->err.str(), a->alias.str(), a->thumb.str()});
-        }
-    }
-
-    if (xmlrpc_value* same = status_reuse(now, head, rows)) return same;
-    bool large = rows.size() >= LARGE_LISTING_ROWS;
-    xmlrpc_value* answer = nullptr;
-    {
-        xmlrpc_value_ref list(xmlrpc_array_new(env));
-        if (env->fault_occurred) return nullptr;
-        for (const status_row& r : rows)
-            if (!append_item(env, list.get(), status_item(env, r, now))) return nullptr;
-        answer = build_listing(env, head, list.get());
-    }
-    if (answer && large) mem_policy_note_large_answer();
-    if (answer) status_keep(now, std::move(head), std::move(rows), answer);
-    return answer;
+    int64_t now = status_copy(static_cast<instance*>(server_info), head, rows);
+    return status_build(env, head, rows, now);
 }
 
 CTL_METHOD(GetElements)

@@ -4,12 +4,21 @@
 // collection runs under it too, and both must append each chunk to the file and
 // the ring in stream order. The writes go to the page cache and are bounded per
 // call by the caller's budget.
+//
+// While a session file is open the pipe is spliced into it, so the kernel copies
+// each byte once, as into any reader; the ring, which keeps only the newest
+// STD_BUF_SIZE bytes, reads them back from the page cache. Without a file (or
+// on a file system that cannot splice) the bytes are read and written.
 #include "std_capture.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -71,8 +80,10 @@ void session_open(const instance* inst, app* record, int fd_no)
 {
     char path[SESSION_PATH_SIZE];
     session_path(inst, record->session_name.str(), fd_no, path);
-    // The mode is given in full: the umask may be 0 under --demonize.
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, SESSION_FILE_MODE);
+    // The mode is given in full: the umask may be 0 under --demonize. Not
+    // O_APPEND, which splice refuses; every collection seeks to the end instead.
+    // Readable, so the ring can take its bytes back from the page cache.
+    int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, SESSION_FILE_MODE);
     record->session_fds[fd_no] = fd;
     record->session_bytes[fd_no] = 0;
     if (fd < 0) {
@@ -101,30 +112,76 @@ void session_rotate(const instance* inst, app* record, int fd_no)
     session_reopen(inst, record, fd_no);
 }
 
+// The open session file with room for more bytes, rotating a full one first,
+// and how many it still takes; -1 without a file.
+int session_with_room(const instance* inst, app* record, int fd_no, std::size_t* room)
+{
+    if (record->session_fds[fd_no] < 0) return -1;
+    if (record->session_bytes[fd_no] >= inst->session_max_bytes) session_rotate(inst, record, fd_no);
+    int fd = record->session_fds[fd_no];
+    if (fd < 0) return -1;
+    // Append at the end as it is now: someone may have truncated the file.
+    off_t end = lseek(fd, 0, SEEK_END);
+    if (end >= 0) record->session_bytes[fd_no] = end;
+    int64_t left = inst->session_max_bytes - record->session_bytes[fd_no];
+    // A file that could not rotate grows on rather than take a byte at a time.
+    *room = left > 0 ? static_cast<std::size_t>(left) : SIZE_MAX;
+    return fd;
+}
+
 void session_write(const instance* inst, app* record, int fd_no, const char* data, std::size_t n)
 {
-    if (record->session_fds[fd_no] < 0) return;
-    if (record->session_bytes[fd_no] > 0 &&
-        record->session_bytes[fd_no] + static_cast<int64_t>(n) > inst->session_max_bytes)
-        session_rotate(inst, record, fd_no);
-    if (record->session_fds[fd_no] < 0) return;
-    // A short or failed write to the session file is not retried.
-    ssize_t written = write(record->session_fds[fd_no], data, n);
-    if (written > 0) record->session_bytes[fd_no] += written;
+    while (n > 0) {
+        std::size_t room = 0;
+        int fd = session_with_room(inst, record, fd_no, &room);
+        if (fd < 0) return;
+        // A failed write to the session file is not retried.
+        ssize_t written = write(fd, data, std::min(n, room));
+        if (written <= 0) return;
+        record->session_bytes[fd_no] += written;
+        data += written;
+        n -= static_cast<std::size_t>(written);
+    }
+}
+
+// Moves up to `wanted` bytes from the pipe into the session file and their
+// newest part into the ring. 0 when the pipe is empty or at its end, -1 when
+// there is no file or it cannot take a splice (the caller reads instead).
+ssize_t collect_by_splice(const instance* inst, app* record, int fd_no, char* scratch, std::size_t scratch_size,
+                          std::size_t wanted)
+{
+    std::size_t room = 0;
+    int fd = session_with_room(inst, record, fd_no, &room);
+    if (fd < 0) return -1;
+    off_t at = record->session_bytes[fd_no];
+    ssize_t n = splice(record->std_pipes[fd_no].rd, nullptr, fd, nullptr, std::min(wanted, room), SPLICE_F_NONBLOCK);
+    if (n < 0) return errno == EAGAIN ? 0 : -1;
+    if (n == 0) {
+        record->std_eof[fd_no] = true;
+        return 0;
+    }
+    record->session_bytes[fd_no] += n;
+    std::size_t tail = std::min({static_cast<std::size_t>(n), STD_BUF_SIZE, scratch_size});
+    ssize_t got = pread(fd, scratch, tail, at + n - static_cast<off_t>(tail));
+    std_ring_append_tail(record->std_bufs[fd_no], static_cast<std::size_t>(n), scratch,
+                         got > 0 ? static_cast<std::size_t>(got) : 0);
+    return n;
 }
 
 }  // namespace
 
 void std_ring_append(std_ring& ring, const char* data, std::size_t n)
 {
-    if (n == 0) return;
-    if (n > STD_BUF_SIZE) {
-        // Only the newest STD_BUF_SIZE bytes can survive; the rest counts as dropped.
-        std::size_t skip = n - STD_BUF_SIZE;
-        ring.head = ring.tail + skip;
+    std_ring_append_tail(ring, n, n > STD_BUF_SIZE ? data + n - STD_BUF_SIZE : data, std::min(n, STD_BUF_SIZE));
+}
+
+void std_ring_append_tail(std_ring& ring, std::size_t total, const char* data, std::size_t n)
+{
+    if (total == 0) return;
+    if (n < total) {
+        // Bytes not at hand count as written and dropped, ahead of the tail.
+        ring.head = ring.tail + (total - n);
         ring.tail = ring.head;
-        data += skip;
-        n = STD_BUF_SIZE;
     }
     if (!ring.buf) ring.buf.reset(new char[STD_BUF_SIZE]);
     std::size_t used = static_cast<std::size_t>(ring.tail - ring.head);
@@ -155,7 +212,17 @@ std::size_t watchdog_std_collect(instance* inst, app* record, char* scratch, std
     int rd = record->std_pipes[fd_no].rd;
     std_ring& ring = record->std_bufs[fd_no];
     std::size_t moved = 0;
+    bool spliceable = true;
     while (rd >= 0 && moved < budget) {
+        if (spliceable) {
+            ssize_t n = collect_by_splice(inst, record, fd_no, scratch, scratch_size, budget - moved);
+            if (n == 0) break;
+            if (n > 0) {
+                moved += static_cast<size_t>(n);
+                continue;
+            }
+            spliceable = false;
+        }
         ssize_t n = read(rd, scratch, scratch_size);
         if (n == 0) record->std_eof[fd_no] = true;
         if (n <= 0) break;

@@ -29,3 +29,6 @@ void watchdog_std_session_dir(const instance* inst, char* out, std::size_t size)
 // Appends a chunk to the ring, dropping the oldest bytes that no longer fit.
 // Storage is allocated on the first byte.
 void std_ring_append(std_ring& ring, const char* data, std::size_t n);
+// Appends `total` bytes of which only the newest `n` are at `data`: the others
+// count as written and dropped. Used when a chunk never passed through memory.
+void std_ring_append_tail(std_ring& ring, std::size_t total, const char* data, std::size_t n);

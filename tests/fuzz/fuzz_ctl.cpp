@@ -179,7 +179,7 @@ void call(const char* xml, size_t size)
 {
     xmlrpc_env_guard env;
     xmlrpc_mem_block* response = nullptr;
-    ctl_process_call(env.get(), g_registry, xml, size, &response);
+    ctl_process_call(env.get(), g_inst, g_registry, xml, size, &response);
     if (env.failed() || !response) abort();
     XMLRPC_MEMBLOCK_FREE(char, response);
 

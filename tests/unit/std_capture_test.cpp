@@ -118,8 +118,8 @@ TEST_F(StdDrain, FilesRingPositionsOverChildrenRotationAndRetention)
     feed_and_drain(1, stream_bytes(43006, 46006));
     EXPECT_EQ(record_->std_bufs[1].tail, 46006u);
     EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(46006 - STD_BUF_SIZE, 46006));
-    EXPECT_EQ(session("20180504_130809-4712-1.1"), stream_bytes(40006, 43006));
-    EXPECT_EQ(session("20180504_130809-4712-1"), stream_bytes(43006, 46006));
+    EXPECT_EQ(session("20180504_130809-4712-1.1"), stream_bytes(40006, 44102));
+    EXPECT_EQ(session("20180504_130809-4712-1"), stream_bytes(44102, 46006));
     next_child(4713, 60);
     feed_and_drain(2, "");
     EXPECT_FALSE(exists("20180504_130709-4711-1") || exists("20180504_130709-4711-2"));
