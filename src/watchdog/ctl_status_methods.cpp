@@ -247,6 +247,9 @@ std::shared_ptr<const std::string> status_xml(xmlrpc_env* env, instance* inst)
     std::lock_guard<std::mutex> one_build(status_build_guard());
     if (auto built_meanwhile = status_reuse(now, head, rows)) return built_meanwhile;
     auto xml = status_serialize(env, head, rows, now);
+    // The build's values are freed by now; a burst of callers must not find
+    // the process holding them until the next release.
+    if (rows.size() >= LARGE_LISTING_ROWS) mem_policy_release_now();
     if (xml) status_keep(now, std::move(head), std::move(rows), xml);
     return xml;
 }

@@ -28,6 +28,8 @@ void mem_policy_apply()
 
 void mem_policy_note_large_answer() { release_wanted.store(true, std::memory_order_relaxed); }
 
+void mem_policy_release_now() { malloc_trim(0); }
+
 void mem_policy_set_release_hook(mem_release_hook hook) { release_hook.store(hook); }
 
 void mem_policy_release_if_due(int64_t now_ms, int64_t now_s)

@@ -10,6 +10,9 @@ void mem_policy_apply();
 
 // A reply that left megabytes of freed memory behind was built.
 void mem_policy_note_large_answer();
+// Hands freed memory back now: for the thread that just freed megabytes, once
+// a second at most, rather than leaving them for the supervision thread.
+void mem_policy_release_now();
 // A cache that lets go of what can no longer be used at `now_s` (wall
 // seconds); true when it freed something.
 using mem_release_hook = bool (*)(int64_t now_s);
