@@ -11,6 +11,7 @@ cmake --build "$build" --target watchdog_core -j2 >/dev/null
 # shellcheck disable=SC2046
 g++ -std=c++20 -O2 -I "$root/src" -I "$root/src/watchdog" "$root/bench/supervision_bench.cpp" ${EXTRA_OBJS:-} \
     "$build/src/libwatchdog_core.a" "$build/src/libvantrel_log.a" "$build/src/libvantrel.a" \
+    "$build/src/libxmlrpc_fault_guard.a" -lsystemd \
     $(xmlrpc-c-config abyss-server client --libs) -lxml2 -lnuma -lpthread -o "$build/supervision_bench"
 # The supervisor's own log lines go to a file; the figures go to standard output.
 "$build/supervision_bench" "$@" 2>"$build/supervision_bench.log"
