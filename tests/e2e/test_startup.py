@@ -1,5 +1,5 @@
-# Start of the supervisor binary: the log's first and last lines, log
-# rotation, inherited variables, a busy port, detaching with its file modes and
+# Start of the supervisor binary: the log's first and last lines, inherited
+# variables, a busy port, detaching with its file modes and
 # bounded backups, and service manager notifications.
 
 import os
@@ -22,10 +22,9 @@ def mode(path):
 
 
 class Startup(unittest.TestCase):
-    def test_foreground_run_rotates_the_old_log_and_ends_with_bye(self):
+    def test_foreground_run_passes_named_variables_and_ends_with_bye(self):
         env = {k: v for k, v in os.environ.items() if k not in ("VANTREL_ELEMENTS_DEVICE", "CUDA_MPS_LOG_DIRECTORY")}
         wd = Watchdog(self)
-        write(wd.log_path, "earlier run\n")
         wd.add_script("VantrelElementsMixer", RECORDER["VantrelElementsMixer"])
         wd.write_conf(wd.app_lines("elem_mixer", "mixer", "--autorun=1"))
         wd.start(env=dict(env, CUDA_VISIBLE_DEVICES="3", HOME="/root"))
@@ -34,16 +33,10 @@ class Startup(unittest.TestCase):
         self.assertEqual(sorted(e for e in child_env if e.split("=")[0] in ("CUDA_VISIBLE_DEVICES", "PATH", "HOME")),
                          ["CUDA_VISIBLE_DEVICES=3", "PATH=/usr/bin:/bin"], "only named variables are inherited")
         self.assertEqual(wd.stop(), 0)
-
-        rotated = [n for n in os.listdir(wd.dir) if n.startswith("watchdog.log-")]
-        self.assertEqual([bool(re.match(r"watchdog\.log-\d{8}_\d{6}$", n)) for n in rotated], [True], rotated)
-        self.assertEqual(read(wd.path(rotated[0])), "earlier run\n")
         lines, msgs = wd.log().splitlines(), wd.messages()
         self.assertEqual(len(lines), len(msgs), "every line is well formed")
         self.assertEqual((lines[0][0], msgs[0][:16], msgs[-1]), (" ", "VantrelWatchdog ", "Bye!"))
         self.assertEqual([m for m in msgs if m.startswith("main: ")], ["main: CUDA_VISIBLE_DEVICES=3"])
-        self.assertEqual([l[0] + l.split("] ", 1)[1] for l in lines if "catched" in l],
-                         ["!sighandler: [%d] catched 15" % wd.proc.pid])
 
     def test_busy_port_starts_nothing_and_exits_0(self):
         wd = Watchdog(self)
