@@ -86,7 +86,6 @@ class ApplicationLife(unittest.TestCase):
         order = [l[1] for l in lines]
         envp = [m for m in order if m.startswith(proc + "envp[")]
         self.assertEqual(envp[0], proc + "envp[0]=[PATH=/usr/bin:/bin]")
-        self.assertIn(("!", "ctl_method_SetField: marking to start"), lines)
         # The request first, the environment before the fork, the pid reported after it.
         steps = ["ctl_method_SetField: marking to start", run + "starting forker thread", envp[-1],
                  proc + "fork done, pid=[%d]" % pid, run + "forker's pid=%d" % pid]
