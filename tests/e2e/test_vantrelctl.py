@@ -67,7 +67,7 @@ class Vantrelctl(unittest.TestCase):
         # Respawn on, executable missing: it should run and cannot.
         self.rpc.VantrelWatchdog.SetItem(-1, "", "elem_dve", "Broken", "", "", self.wd.path("none"), "", [], [])
         set_field(self.rpc, 3, "f_respawn", "1")
-        wait_until(lambda: entries(self.rpc)[3]["err"], 10)
+        self.wd.wait_log("executable startup failed, check paths")
         self.assertEqual(self.ctl("status").returncode, 3)
         self.assertEqual(self.ctl_json("status", "Broken")[1][0]["apps"][0]["state"], "start error")
         self.assertEqual(self.ctl("status", "0", "1").returncode, 0)

@@ -43,7 +43,6 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 passed=0
 failed=0
 for t in "${targets[@]}"; do
-  corpus="$root/tests/fuzz/corpus/$t"
   mkdir -p "$work/$t"
   args=(-rss_limit_mb=2048 -timeout=20 -print_final_stats=1 -artifact_prefix="$build/crash-$t-")
   # -runs=0 reads and runs every corpus input once, then stops.
@@ -53,8 +52,7 @@ for t in "${targets[@]}"; do
   [ "$t" = fuzz_ctl ] && args+=(-dict="$root/tests/fuzz/xmlrpc.dict")
   echo "== $t: $([ "$seconds" -gt 0 ] && echo "${seconds}s" || echo "corpus")"
   # New inputs go to a scratch directory first, the committed corpus is only read.
-  dirs=("$work/$t")
-  [ -d "$corpus" ] && dirs+=("$corpus")
+  dirs=("$work/$t" "$root/tests/fuzz/corpus/$t")
   if (cd "$work" && timeout $((seconds + 120)) "$build/tests/fuzz/$t" "${args[@]}" "${dirs[@]}") \
       >"$work/$t.log" 2>&1; then
     grep -E "^stat::number_of_executed_units|^Done" "$work/$t.log" | tail -2

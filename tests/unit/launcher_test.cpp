@@ -115,8 +115,7 @@ TEST(Launch, EndClassification)
         {1'004'999, 5, exited(0), 6, 0, "Respawn too fast"},    // the sixth in a row
         {1'000'000, 6, exited(1), 7, 0, "Respawn too fast"},    // not reset by the message
         {1'005'000, 5, exited(0), 0, 1, ""},                    // a long run resets the count
-        {1'010'000, 0, exited(128), 0, 0, "Start error"},
-        {1'001'000, 5, exited(128), 6, 0, "Start error"},
+        {1'010'000, 0, exited(128), 0, 0, "Start error"}, {1'001'000, 5, exited(128), 6, 0, "Start error"},
         {1'010'000, 3, SIGKILL, 0, 1, ""},   // killed by a signal is no start error
         {1'010'000, 0, exited(127), 0, 1, ""},
     };

@@ -37,13 +37,6 @@ std::mutex pipes_lock;
 std::vector<std::pair<int, ino_t>> pipes_made;   // descriptor and pipe identity
 
 pid_t test_fork() { return forks++, fork_fails ? (errno = EAGAIN, -1) : child_registry_fork(); }
-// True once `pid` is gone or a zombie waiting for its parent.
-bool process_gone(pid_t pid)
-{
-    std::string stat = file_text("/proc/" + std::to_string(pid) + "/stat");
-    std::size_t paren = stat.rfind(')');
-    return stat.empty() || (paren != npos && stat.compare(paren + 2, 1, "Z") == 0);
-}
 
 // Counts stops and escalations sent to a whole group whose leader still runs
 // (not the clean-up of what is left after a child's end).
@@ -247,10 +240,6 @@ TEST_F(Supervision, ABurstIsNotHeldUpSessionFilesComeBackAndSigkillFollowsAfter1
     for (std::size_t line = 0; line < size / 16; line++) expected += "0123456789abcde\n";
     EXPECT_TRUE(file_text(session_file(burst, "-1")) == expected);
     EXPECT_EQ(file_text(session_file(burst, "-2")), "err\n");
-    EXPECT_TRUE(locked([&] {
-        return burst->std_bufs[1].head == size - STD_BUF_SIZE &&
-               std::string(burst->std_bufs[1].buf.get(), STD_BUF_SIZE) == expected.substr(size - STD_BUF_SIZE);
-    }));
 
     ASSERT_TRUE(wait_until(5s, [&] { return r->pid != 0 && !r->session_name.empty() && fs::exists(dir_ / "gc"); }));
     fs::path out = session_file(r, "-1"), err = session_file(r, "-2");

@@ -48,6 +48,14 @@ inline std::vector<std::string> lines_of(const std::string& text)
 
 inline void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
+// True once `pid` is gone or a zombie waiting for its parent.
+inline bool process_gone(pid_t pid)
+{
+    std::string stat = file_text("/proc/" + std::to_string(pid) + "/stat");
+    std::size_t paren = stat.rfind(')');
+    return stat.empty() || (paren != std::string::npos && stat.compare(paren + 2, 1, "Z") == 0);
+}
+
 // An executable /bin/sh script.
 inline void write_script(const fs::path& path, const std::string& body)
 {
