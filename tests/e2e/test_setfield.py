@@ -1,6 +1,6 @@
 # An application's life through SetItem, SetField and GetItem on the running
-# binary: start, terminate, delete, persistence across a restart, start errors,
-# respawning too fast, and the launch's log lines.
+# binary: start, terminate, persistence across a restart, respawning too fast,
+# and the launch's log lines.
 
 import os
 import re
@@ -25,7 +25,7 @@ class ApplicationLife(unittest.TestCase):
         self.assertEqual(ret, {"ret": 0})
         return len(entries(self.rpc)) - 1
 
-    def test_run_terminate_delete_and_restart(self):
+    def test_run_terminate_and_restart(self):
         notes = self.wd.path("bin", "VantrelElementsMixer.int")
         self.wd.add_script("VantrelElementsMixer", SIGNAL_NOTING_CHILD)
         idx = self.add("elem_mixer", "Child", self.wd.bin_dir)
@@ -38,17 +38,15 @@ class ApplicationLife(unittest.TestCase):
         self.assertGreaterEqual(entries(self.rpc)[idx]["amend"], app_amend + 2)
         self.assertTrue(wait_until(lambda: entries(self.rpc)[idx]["pid"] == 0 and not pid_alive(pid), 20), "stopped, reaped")
         self.assertEqual(read(notes).split(), ["INT"], "one SIGINT for two requests")
-        self.assertEqual(set_field(self.rpc, idx, "t_del"), 0)
-        self.assertEqual([e["alias"] for e in entries(self.rpc)], ["A", "B", "C"])
 
         self.add("elem_mixer", "Mixer 1", "", "/cfg/mixer.xml", ["--xmlrpc-port=9101"], ["MIXER_MODE=2"])
         block = "\n--elem_mixer=/cfg/mixer.xml\n--alias=Mixer 1\n--env=MIXER_MODE=2\n--raw=--xmlrpc-port=9101\n"
         self.assertTrue(wait_until(lambda: block in read(self.wd.conf_path), 10), read(self.wd.conf_path))
-        items = [self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(4)]
+        items = [self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(5)]
         self.assertEqual(self.wd.stop(), 0)
         self.wd.start(env=self.wd.fake_system_env())
         self.rpc = self.wd.rpc(self)
-        self.assertEqual([self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(4)], items)
+        self.assertEqual([self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(5)], items)
 
         self.wd.add_script("VantrelElementsMatrix", "exit 1\n")   # a start error is shown by vantrelctl's test
         idx = self.add("elem_matrix", "Quick", self.wd.bin_dir)
