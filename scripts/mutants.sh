@@ -19,7 +19,7 @@ ring_off_by_one|src/watchdog/std_capture.cpp|s/ring\.head \+= drop;/ring.head +=
 swapped_fds|src/watchdog/launcher.cpp|s/child_redirect\(pipes\[1\]\.rd, pipes\[1\]\.wr, 1\)/child_redirect(pipes[1].rd, pipes[1].wr, 2)/
 dropped_amend|src/watchdog/instance.cpp|s/inst->cnt\+\+;\n    inst->amend\+\+;/inst->cnt++;/
 dropped_app_amend|src/watchdog/ctl_setfield.cpp|s/record\.amend\+\+;//
-dropped_fast_respawn|src/watchdog/launcher.cpp|s/\+\+record\.fast_respawn_cnt >/record.fast_respawn_cnt >/
+dropped_fast_respawn|src/watchdog/app_life.cpp|s/\+\+record\.fast_respawn_cnt >/record.fast_respawn_cnt >/
 unknown_is_no_app|src/watchdog/ctl_setfield.cpp|s/return CTL_RET_UNKNOWN;/return CTL_RET_NO_APP;/
 lib_sort_order|src/client/vantrel_lib.cpp|s/strcasecmp\(a->name, b->name\) < 0/strcasecmp(a->name, b->name) > 0/
 getapps_order|src/watchdog/ctl_status_methods.cpp|s/for \(int type = 1; type < APP_TYPES_CNT; type\+\+\) \{\n(\s*)xmlrpc_value\* name = xmlrpc_string_new\(env, app_types\[type\]/for (int type = APP_TYPES_CNT - 1; type >= 1; type--) {\n$1xmlrpc_value* name = xmlrpc_string_new(env, app_types[type]/

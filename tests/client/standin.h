@@ -86,6 +86,17 @@ inline std::string render(xmlrpc_value* v, bool compact = false)
     }
 }
 
+// A TCP socket bound to a free 127.0.0.1 port, which goes to `port`.
+inline int loopback_socket(int* port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof addr;
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    return *port = ntohs(addr.sin_port), fd;
+}
+
 class standin {
 public:
     standin()
@@ -95,12 +106,8 @@ public:
         std::call_once(once, [] { xmlrpc_server_abyss_global_init(xmlrpc_env_guard().get()), signal(SIGPIPE, SIG_IGN); });
         registry_ = xmlrpc_registry_new(env.get());
         xmlrpc_registry_set_default_method(env.get(), registry_, &standin::handle, this);
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t len = sizeof addr;
-        bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-        url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/RPC2";
+        int port = 0, fd = loopback_socket(&port);
+        url = "http://127.0.0.1:" + std::to_string(port) + "/RPC2";
         xmlrpc_server_abyss_parms parms{};
         parms.registryP = registry_;
         parms.keepalive_max_conn = 1;   // one request per connection: stopping never waits

@@ -1,6 +1,6 @@
 # An application's life through SetItem, SetField and GetItem on the running
-# binary: start, terminate, refusals, delete, clone, move, persistence across a
-# restart, start errors, respawning too fast, and the launch's log lines.
+# binary: start, terminate, persistence across a restart, respawning too fast,
+# and the launch's log lines.
 
 import os
 import re
@@ -25,54 +25,34 @@ class ApplicationLife(unittest.TestCase):
         self.assertEqual(ret, {"ret": 0})
         return len(entries(self.rpc)) - 1
 
-    def test_run_terminate_delete_clone_move_and_restart(self):
+    def test_run_terminate_and_restart(self):
         notes = self.wd.path("bin", "VantrelElementsMixer.int")
         self.wd.add_script("VantrelElementsMixer", SIGNAL_NOTING_CHILD)
         idx = self.add("elem_mixer", "Child", self.wd.bin_dir)
         self.assertEqual(set_field(self.rpc, idx, "t_run"), 0)
         pid = wait_until(lambda: entries(self.rpc)[idx]["pid"], 20)
         self.assertTrue(wait_until(lambda: os.path.exists(self.wd.path("bin", "VantrelElementsMixer.ready")), 10))
-        self.assertEqual(set_field(self.rpc, idx, "t_run"), 0)
-        self.wd.wait_log(r"ctl_method_SetField: already running")
-        amend = self.rpc.VantrelWatchdog.GetStatus()["amend"]
-        self.assertEqual(set_field(self.rpc, idx, "t_del"), 0)
-        self.assertEqual(len(entries(self.rpc)), idx + 1, "a running application is not deleted")
-        self.assertEqual(self.rpc.VantrelWatchdog.GetStatus()["amend"], (amend + 1) & 0xFFFFFFFF)
-
         app_amend = entries(self.rpc)[idx]["amend"]
         self.assertEqual([set_field(self.rpc, idx, "t_term"), set_field(self.rpc, idx, "T_TERM")], [0, 0])
         self.wd.wait_log(r"ctl_method_SetField: already terminating")
         self.assertGreaterEqual(entries(self.rpc)[idx]["amend"], app_amend + 2)
         self.assertTrue(wait_until(lambda: entries(self.rpc)[idx]["pid"] == 0 and not pid_alive(pid), 20), "stopped, reaped")
         self.assertEqual(read(notes).split(), ["INT"], "one SIGINT for two requests")
-        self.assertEqual(set_field(self.rpc, idx, "t_term"), 0)
-        self.wd.wait_log(r"ctl_method_SetField: not running")
-        self.assertEqual(set_field(self.rpc, idx, "t_del"), 0)
-        self.assertEqual([e["alias"] for e in entries(self.rpc)], ["A", "B", "C"])
 
         self.add("elem_mixer", "Mixer 1", "", "/cfg/mixer.xml", ["--xmlrpc-port=9101"], ["MIXER_MODE=2"])
-        self.assertEqual([set_field(self.rpc, *a) for a in ((1, "t_clone"), (0, "f_respawn", "0"), (3, "t_up"))], [0] * 3)
-        self.assertTrue(wait_until(lambda: "--alias=B(clone)" in read(self.wd.conf_path), 10), read(self.wd.conf_path))
-        conf = read(self.wd.conf_path)
-        self.assertEqual(re.findall(r"--alias=(.*)", conf), ["A", "B", "C", "B(clone)", "Mixer 1"])
-        self.assertIn("\n--elem_mixer=/cfg/mixer.xml\n--alias=Mixer 1\n--env=MIXER_MODE=2\n"
-                      "--raw=--xmlrpc-port=9101\n", conf)
+        block = "\n--elem_mixer=/cfg/mixer.xml\n--alias=Mixer 1\n--env=MIXER_MODE=2\n--raw=--xmlrpc-port=9101\n"
+        self.assertTrue(wait_until(lambda: block in read(self.wd.conf_path), 10), read(self.wd.conf_path))
         items = [self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(5)]
         self.assertEqual(self.wd.stop(), 0)
         self.wd.start(env=self.wd.fake_system_env())
         self.rpc = self.wd.rpc(self)
         self.assertEqual([self.rpc.VantrelWatchdog.GetItem(i, "") for i in range(5)], items)
 
-        self.wd.add_script("VantrelElementsMatrix", "exit 1\n")
-        rows = [("elem_dve", self.wd.path("none"), "executable startup failed, check paths", "Start error"),
-                ("elem_matrix", self.wd.bin_dir, "respawn too fast", "Respawn too fast")]
-        for type_name, bin_dir, line, err in rows:
-            with self.subTest(type_name):
-                idx = self.add(type_name, err, bin_dir)
-                self.assertEqual(set_field(self.rpc, idx, "f_respawn", "1"), 0)
-                self.wd.wait_log(line)
-                self.assertTrue(wait_until(lambda: entries(self.rpc)[idx]["err"] == err, 10), entries(self.rpc)[idx])
-                self.assertEqual(entries(self.rpc)[idx]["f_respawn"], 0)
+        self.wd.add_script("VantrelElementsMatrix", "exit 1\n")   # a start error is shown by vantrelctl's test
+        idx = self.add("elem_matrix", "Quick", self.wd.bin_dir)
+        self.assertEqual(set_field(self.rpc, idx, "f_respawn", "1"), 0)
+        self.wd.wait_log("respawn too fast")
+        self.assertTrue(wait_until(lambda: entries(self.rpc)[idx]["err"] == "Respawn too fast", 10), entries(self.rpc)[idx])
 
     def test_one_launch_logs_its_steps_in_order(self):
         # Operators follow a launch by these lines: texts, marks and order across threads.
@@ -100,7 +80,6 @@ class ApplicationLife(unittest.TestCase):
         order = [l[1] for l in lines]
         envp = [m for m in order if m.startswith(proc + "envp[")]
         self.assertEqual(envp[0], proc + "envp[0]=[PATH=/usr/bin:/bin]")
-        self.assertIn(("!", "ctl_method_SetField: marking to start"), lines)
         # The request first, the environment before the fork, the pid reported after it.
         steps = ["ctl_method_SetField: marking to start", run + "starting forker thread", envp[-1],
                  proc + "fork done, pid=[%d]" % pid, run + "forker's pid=%d" % pid]

@@ -1,5 +1,5 @@
-# Start of the supervisor binary: the log's first and last lines, log
-# rotation, inherited variables, a busy port, detaching with its file modes and
+# Start of the supervisor binary: the log's first and last lines, inherited
+# variables, a busy port, detaching with its file modes and
 # bounded backups, and service manager notifications.
 
 import os
@@ -10,8 +10,7 @@ import stat
 import time
 import unittest
 
-from watchdog_harness import (HOST, SLEEPER, Watchdog, entries, pid_alive, pid_listening_on, read, write,
-                              set_field, wait_until)
+from watchdog_harness import HOST, SLEEPER, Watchdog, entries, launch, pid_alive, pid_listening_on, read, set_field, wait_until
 
 # Records its environment and start, then waits (bounded). $2 is its config: a path prefix.
 RECORDER = {"VantrelElementsMixer": 'env > "$2.env"\necho started > "$2.started"\n' + SLEEPER}
@@ -22,28 +21,19 @@ def mode(path):
 
 
 class Startup(unittest.TestCase):
-    def test_foreground_run_rotates_the_old_log_and_ends_with_bye(self):
+    def test_foreground_run_passes_named_variables_and_ends_with_bye(self):
         env = {k: v for k, v in os.environ.items() if k not in ("VANTREL_ELEMENTS_DEVICE", "CUDA_MPS_LOG_DIRECTORY")}
-        wd = Watchdog(self)
-        write(wd.log_path, "earlier run\n")
-        wd.add_script("VantrelElementsMixer", RECORDER["VantrelElementsMixer"])
-        wd.write_conf(wd.app_lines("elem_mixer", "mixer", "--autorun=1"))
-        wd.start(env=dict(env, CUDA_VISIBLE_DEVICES="3", HOME="/root"))
+        wd = launch(self, lambda wd: wd.app_lines("elem_mixer", "mixer", "--autorun=1"), RECORDER,
+                    env=dict(env, CUDA_VISIBLE_DEVICES="3", HOME="/root"))
         self.assertTrue(wait_until(lambda: os.path.exists(wd.path("mixer.started")), 20), wd.log())
         child_env = read(wd.path("mixer.env")).splitlines()
         self.assertEqual(sorted(e for e in child_env if e.split("=")[0] in ("CUDA_VISIBLE_DEVICES", "PATH", "HOME")),
                          ["CUDA_VISIBLE_DEVICES=3", "PATH=/usr/bin:/bin"], "only named variables are inherited")
         self.assertEqual(wd.stop(), 0)
-
-        rotated = [n for n in os.listdir(wd.dir) if n.startswith("watchdog.log-")]
-        self.assertEqual([bool(re.match(r"watchdog\.log-\d{8}_\d{6}$", n)) for n in rotated], [True], rotated)
-        self.assertEqual(read(wd.path(rotated[0])), "earlier run\n")
         lines, msgs = wd.log().splitlines(), wd.messages()
         self.assertEqual(len(lines), len(msgs), "every line is well formed")
         self.assertEqual((lines[0][0], msgs[0][:16], msgs[-1]), (" ", "VantrelWatchdog ", "Bye!"))
         self.assertEqual([m for m in msgs if m.startswith("main: ")], ["main: CUDA_VISIBLE_DEVICES=3"])
-        self.assertEqual([l[0] + l.split("] ", 1)[1] for l in lines if "catched" in l],
-                         ["!sighandler: [%d] catched 15" % wd.proc.pid])
 
     def test_busy_port_starts_nothing_and_exits_0(self):
         wd = Watchdog(self)
@@ -74,7 +64,6 @@ class Startup(unittest.TestCase):
             self.assertEqual(set_field(wd.rpc(self), 0, "f_autorun", str(n % 2)), 0)
             wd.wait_log(r"updating config file", n)
         self.assertEqual(mode(wd.conf_path), 0o640)
-        self.assertIn("--conf-backups=2\n", read(wd.conf_path))
         backups = lambda: [n for n in os.listdir(wd.dir) if re.match(r"watchdog\.conf-\d+\.\d+$", n)]
         wait_until(lambda: len(backups()) <= 2, 5)   # the last save logs before it prunes
         self.assertEqual(len(backups()), 2, os.listdir(wd.dir))
@@ -85,7 +74,6 @@ class Startup(unittest.TestCase):
         os.kill(pid, signal.SIGTERM)
         self.assertTrue(wait_until(lambda: not pid_alive(pid), 20), "daemon did not end")
         self.assertTrue(wait_until(lambda: wd.messages()[-1:] == ["Bye!"], 5), wd.log())
-        self.assertIn("sighandler: [%d] catched 15" % pid, wd.messages())
 
     def test_service_manager_hears_ready_keep_alives_and_stopping(self):
         wd = Watchdog(self)

@@ -78,7 +78,9 @@ def launch(test, lines, scripts=None, fake_system=False, **start_kw):
     for name, body in (scripts or {}).items():
         wd.add_script(name, body)
     wd.write_conf(lines(wd) if callable(lines) else list(lines))
-    wd.start(env=wd.fake_system_env() if fake_system else None, **start_kw)
+    if fake_system:
+        start_kw["env"] = wd.fake_system_env()
+    wd.start(**start_kw)
     return wd
 
 

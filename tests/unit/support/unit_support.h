@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -18,6 +19,22 @@
 namespace unit_support {
 
 namespace fs = std::filesystem;
+
+// The groups of the first match of extended regular expression `pattern` in
+// `text` (the whole match first, "" for a group that took no part); empty when
+// nothing matches. POSIX's matcher: the C++ one costs seconds of compile time.
+inline std::vector<std::string> regex_groups(const std::string& text, const char* pattern)
+{
+    regex_t re;
+    if (regcomp(&re, pattern, REG_EXTENDED) != 0) throw std::invalid_argument(pattern);
+    std::vector<regmatch_t> found(re.re_nsub + 1);
+    std::vector<std::string> groups;
+    if (regexec(&re, text.c_str(), found.size(), found.data(), 0) == 0)
+        for (const regmatch_t& g : found)
+            groups.push_back(g.rm_so < 0 ? "" : text.substr(g.rm_so, g.rm_eo - g.rm_so));
+    regfree(&re);
+    return groups;
+}
 
 // A fresh directory under /tmp, removed with its contents when the owner ends.
 struct scratch_dir {
@@ -47,6 +64,14 @@ inline std::vector<std::string> lines_of(const std::string& text)
 }
 
 inline void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+
+// True once `pid` is gone or a zombie waiting for its parent.
+inline bool process_gone(pid_t pid)
+{
+    std::string stat = file_text("/proc/" + std::to_string(pid) + "/stat");
+    std::size_t paren = stat.rfind(')');
+    return stat.empty() || (paren != std::string::npos && stat.compare(paren + 2, 1, "Z") == 0);
+}
 
 // An executable /bin/sh script.
 inline void write_script(const fs::path& path, const std::string& body)
