@@ -184,11 +184,19 @@ void expire_silent(std::vector<waiting_conn>& waiting)
     });
 }
 
-int poll_timeout_ms(const std::vector<waiting_conn>& waiting)
+// Until the nearest deadline: a silent new connection's first byte, or a
+// request still being read. With neither, only the wake pipe or a new
+// connection brings work, so an idle listener sleeps without a timeout.
+int poll_timeout_ms(ctl_listener* l, const std::vector<waiting_conn>& waiting)
 {
-    if (waiting.empty()) return POLL_MAX_MS;
-    auto left = waiting.front().since + std::chrono::milliseconds(CTL_FIRST_BYTE_MS) - steady::now();
-    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(left).count() + 1;
+    auto nearest = steady::time_point::max();
+    if (!waiting.empty()) nearest = waiting.front().since + std::chrono::milliseconds(CTL_FIRST_BYTE_MS);
+    {
+        std::lock_guard<std::mutex> hold(l->mutex);
+        for (const auto& [fd, deadline] : l->active) nearest = std::min(nearest, deadline);
+    }
+    if (nearest == steady::time_point::max()) return -1;
+    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(nearest - steady::now()).count() + 1;
     return static_cast<int>(std::clamp(ms, 0L, static_cast<long>(POLL_MAX_MS)));
 }
 
@@ -282,7 +290,7 @@ void ctl_listener_run(ctl_listener* l)
         // Without a free place, ready connections would only spin the loop.
         if (room)
             for (const waiting_conn& w : waiting) polled.push_back({w.fd, POLLIN, 0});
-        if (poll(polled.data(), polled.size(), poll_timeout_ms(waiting)) < 0 && errno != EINTR) {
+        if (poll(polled.data(), polled.size(), poll_timeout_ms(l, waiting)) < 0 && errno != EINTR) {
             log_printf(LOG_ERROR, "%s: poll failed (%s)", "ctl_listener", strerror(errno));
             poll(nullptr, 0, 100);
             continue;
