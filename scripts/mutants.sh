@@ -35,6 +35,8 @@ element_port|src/watchdog/ctl_status_methods.cpp|s/\{21, 36001\}/{21, 36000}/
 term_signal|src/watchdog/app_life.cpp|s/os_kill_group\(record\.pid, SIGINT\)/os_kill_group(record.pid, SIGTERM)/
 std_chunk|src/watchdog/ctl_output_methods.cpp|s/start \+ CTL_STD_CHUNK_MAX :/start + CTL_STD_CHUNK_MAX - 1 :/
 sched_sort|src/client/vantrel_sched.cpp|s/(selection_sort\(items, count, \[\]\(const vantrel_sched_item\* a, const vantrel_sched_item\* b\) \{\n\s*return [^;]*?)</$1>/
+splice_ring_tail|src/watchdog/std_capture.cpp|s/at \+ n - static_cast<off_t>\(tail\)/at + n - static_cast<off_t>(tail) - 1/
+status_reuse_rows|src/watchdog/ctl_status_methods.cpp|s/ \|\| cache\.rows != rows\) return nullptr;/) return nullptr;/
 LIST
 )
 
