@@ -107,6 +107,9 @@ TEST_F(StdDrain, FilesRingPositionsOverChildrenRotationAndRetention)
     feed_and_drain(1, stream_bytes(40000, 40006));
     EXPECT_EQ(session("20180504_130709-4711-1"), stream_bytes(0, 40006));
     EXPECT_EQ(session("20180504_130709-4711-2"), "err-1;");
+    fs::resize_file(dir_ / "wd.log.sessions" / "20180504_130709-4711-2", 0);   // copytruncate
+    feed_and_drain(2, "err-2;");
+    EXPECT_EQ(session("20180504_130709-4711-2"), "err-2;") << "appended at the new end, no hole";
 
     // Positions run on over children; a full file rotates; the newest two sessions stay.
     inst_->session_max_bytes = 4096;
@@ -127,7 +130,7 @@ TEST_F(StdDrain, FilesRingPositionsOverChildrenRotationAndRetention)
     next_child(4714, 1);
     fs::remove_all(dir_ / "wd.log.sessions");
     feed_and_drain(2, "only in memory");
-    EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "err-1;only in memory");
+    EXPECT_EQ(ring_bytes(record_->std_bufs[2]), "err-1;err-2;only in memory");
     EXPECT_FALSE(fs::exists(dir_ / "wd.log.sessions"));
 }
 
