@@ -148,6 +148,7 @@ def bench_children(rows, seconds):
     wd = Watchdog()
     try:
         wd.add_script("VantrelLib", QUIET)
+        os.mkdir(wd.log_path + ".sessions")   # as an operator keeps it: every child's output captured
         lines = []
         for i in range(CHILDREN):
             lines += ["--lib=/cfg/lib%02d" % i, "--bin-path=" + wd.bin_dir, "--env=PATH=/usr/bin:/bin", "--autorun=1"]
