@@ -218,7 +218,6 @@ xmlrpc_value* status_build(xmlrpc_env* env, const listing_head& head, const std:
     if (env->fault_occurred) return nullptr;
     for (const status_row& r : rows)
         if (!append_item(env, list.get(), status_item(env, r, now))) return nullptr;
-    if (rows.size() >= LARGE_LISTING_ROWS) mem_policy_note_large_answer();
     return build_listing(env, head, list.get());
 }
 
@@ -273,6 +272,8 @@ CTL_METHOD(GetStatus)
     listing_head head;
     std::vector<status_row> rows;
     int64_t now = status_copy(static_cast<instance*>(server_info), head, rows);
+    // The caller frees this answer; the supervision thread hands the memory back later.
+    if (rows.size() >= LARGE_LISTING_ROWS) mem_policy_note_large_answer();
     return status_build(env, head, rows, now);
 }
 
